@@ -1,0 +1,88 @@
+#include "libapdu/token_type.h"
+
+#include <initializer_list>
+
+namespace libapdu {
+
+namespace {
+
+// Builds a row; an empty mask means all bits of the ATR count.
+constexpr TTokenType row(unsigned char vendor, unsigned char family, unsigned char model,
+               std::initializer_list<unsigned char> atr, std::initializer_list<unsigned char> mask,
+               unsigned char kind) {
+    TTokenType t{vendor, family, model, static_cast<unsigned char>(atr.size()), {}, {}, kind};
+    unsigned i = 0;
+    for (unsigned char b : atr) t.atr[i++] = b;
+    i = 0;
+    if (mask.size() == 0)
+        for (; i < atr.size(); ++i) t.mask[i] = 0xFF;
+    else
+        for (unsigned char b : mask) t.mask[i++] = b;
+    return t;
+}
+
+}  // namespace
+
+constexpr TTokenType TTokenType::TUnknown = row(0, 0, 0, {}, {}, 0);
+constexpr TTokenType TTokenType::TVandrelR2 = row(1, 1, 0, {0x3B, 0x81, 0x1F, 0x00, 0xCC, 0x52}, {}, 1);
+constexpr TTokenType TTokenType::TVandrelPro16 =
+    row(1, 2, 1, {0x3B, 0xE2, 0x00, 0xFF, 0xC1, 0x10, 0x31, 0xFE, 0x55, 0xC8, 0x02, 0x9C}, {}, 1);
+constexpr TTokenType TTokenType::TVandrelPro32 = row(
+    1, 2, 2, {0x3B, 0xF2, 0x98, 0x00, 0xFF, 0xC1, 0x10, 0x31, 0xFE, 0x55, 0xC8, 0x03, 0x15}, {}, 1);
+constexpr TTokenType TTokenType::TVandrelPro42 =
+    row(1, 2, 3, {0x3B, 0xF2, 0x18, 0x00, 0x00, 0xC1, 0x0A, 0x31, 0xFE, 0x55, 0xC8, 0x06, 0x00},
+        {0xFF, 0xFF, 0xFF, 0xFF, 0x00, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x00}, 1);
+constexpr TTokenType TTokenType::TVandrelPro42b = row(
+    1, 2, 3, {0x3B, 0xF2, 0x18, 0x00, 0x02, 0xC1, 0x0A, 0x31, 0xFE, 0x58, 0xC8, 0x09, 0x75}, {}, 1);
+constexpr TTokenType TTokenType::TVandrelJava10 = row(
+    1, 3, 1, {0x3B, 0xD5, 0x18, 0x00, 0x81, 0x31, 0xFE, 0x7D, 0x80, 0x73, 0xC8, 0x21, 0x10, 0xF4},
+    {}, 2);
+constexpr TTokenType TTokenType::TVandrelJava10b = row(
+    1, 3, 2, {0x3B, 0xD5, 0x18, 0x00, 0x81, 0x31, 0x3A, 0x7D, 0x80, 0x73, 0xC8, 0x21, 0x10, 0x30},
+    {}, 2);
+constexpr TTokenType TTokenType::TAthenaIDProtect = row(
+    2, 1, 0,
+    {0x3B, 0xD5, 0x00, 0xFF, 0x80, 0x91, 0xFE, 0x1F, 0xC3, 0x80, 0x73, 0xC8, 0x21, 0x10, 0x00},
+    {0xFF, 0xFF, 0x00, 0xFF, 0xF0, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xF0, 0x00}, 2);
+constexpr TTokenType TTokenType::TAthenaKestora =
+    row(2, 2, 1,
+        {0x3B, 0xDC, 0x18, 0xFF, 0x81, 0x91, 0xFE, 0x1F, 0xC3, 0x80, 0x73,
+         0xC8, 0x21, 0x13, 0x66, 0x01, 0x06, 0x11, 0x59, 0x00, 0x01, 0x28},
+        {}, 2);
+constexpr TTokenType TTokenType::TAthenaKestoraEMVT1 =
+    row(2, 2, 2,
+        {0x3B, 0xFC, 0x13, 0x00, 0xFF, 0x81, 0x31, 0xFE, 0x45, 0x80, 0x73,
+         0xC8, 0x21, 0x13, 0x66, 0x01, 0x06, 0x11, 0x59, 0x00, 0x01, 0x3A},
+        {}, 2);
+constexpr TTokenType TTokenType::TAthenaKestoraEMVT0 =
+    row(2, 2, 3,
+        {0x3B, 0x6C, 0x00, 0xFF, 0x80, 0x73, 0xC8, 0x21, 0x13, 0x66, 0x01, 0x06, 0x11, 0x59, 0x00,
+         0x01},
+        {}, 2);
+constexpr TTokenType TTokenType::TAthenaKestoraLT =
+    row(2, 2, 4,
+        {0x3B, 0xDC, 0x18, 0xFF, 0x81, 0x11, 0xFE, 0x80, 0x73, 0xC8, 0x21,
+         0x13, 0x66, 0x01, 0x06, 0x01, 0x30, 0x80, 0x01, 0x8D},
+        {}, 2);
+
+const TTokenType& TTokenType::fromAtr(const TBytes& atr) {
+    // The length as one byte: an ATR of 256 bytes or more wraps, as the card
+    // layer never sends one that long.
+    const unsigned char length = static_cast<unsigned char>(atr.size());
+    const unsigned char* given = atr.empty() ? nullptr : atr.data();
+    static const TTokenType* const order[] = {
+        &TVandrelR2,          &TVandrelPro16,   &TVandrelPro32,    &TVandrelPro42,
+        &TVandrelPro42b,      &TVandrelJava10,  &TVandrelJava10b,  &TAthenaIDProtect,
+        &TAthenaKestora,      &TAthenaKestoraEMVT0, &TAthenaKestoraEMVT1, &TAthenaKestoraLT,
+    };
+    for (const TTokenType* t : order) {
+        if (t->atrLength != length || given == nullptr) continue;
+        bool same = true;
+        for (unsigned i = 0; i < length && same; ++i)
+            same = (t->mask[i] & (t->atr[i] ^ given[i])) == 0;
+        if (same) return *t;
+    }
+    return TUnknown;
+}
+
+}  // namespace libapdu
