@@ -8,7 +8,7 @@ void get_mem(void*& head, unsigned long size) {
     // A size of 0 divides by zero here, as the callers' contract allows; the
     // sized allocator never asks for it because unit 0 has no use.
     const unsigned long count = size < 4096 ? 4096 / size : 1;
-    char* chunk = static_cast<char*>(::operator new(count * size));
+    char* chunk = static_cast<char*>(::operator new(count* size));
     for (unsigned long i = 0; i + 1 < count; ++i)
         *reinterpret_cast<void**>(chunk + i * size) = chunk + (i + 1) * size;
     *reinterpret_cast<void**>(chunk + (count - 1) * size) = head;

@@ -18,11 +18,9 @@ public:
     static void add_12(TBytes& out, const TBytes& data, unsigned char escape);
     static void add_tagw(TBytes& out, unsigned char tag, unsigned short value);
     static void add_tag1(TBytes& out, unsigned char tag, const TBytes& data);
-    static void add_tag12(TBytes& out, unsigned char tag, const TBytes& data,
-                          unsigned char escape);
+    static void add_tag12(TBytes& out, unsigned char tag, const TBytes& data, unsigned char escape);
     // Splits a command APDU; a malformed one fails with 0x6B00.
-    static void parse_capdu(const TBytes& apdu, TBytes& header, TBytes& data,
-                            unsigned short& le);
+    static void parse_capdu(const TBytes& apdu, TBytes& header, TBytes& data, unsigned short& le);
 };
 
 // Appends one byte or a whole vector.

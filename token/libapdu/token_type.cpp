@@ -8,8 +8,8 @@ namespace {
 
 // Builds a row; an empty mask means all bits of the ATR count.
 constexpr TTokenType row(unsigned char vendor, unsigned char family, unsigned char model,
-               std::initializer_list<unsigned char> atr, std::initializer_list<unsigned char> mask,
-               unsigned char kind) {
+                         std::initializer_list<unsigned char> atr,
+                         std::initializer_list<unsigned char> mask, unsigned char kind) {
     TTokenType t{vendor, family, model, static_cast<unsigned char>(atr.size()), {}, {}, kind};
     unsigned i = 0;
     for (unsigned char b : atr) t.atr[i++] = b;
@@ -24,7 +24,8 @@ constexpr TTokenType row(unsigned char vendor, unsigned char family, unsigned ch
 }  // namespace
 
 constexpr TTokenType TTokenType::TUnknown = row(0, 0, 0, {}, {}, 0);
-constexpr TTokenType TTokenType::TVandrelR2 = row(1, 1, 0, {0x3B, 0x81, 0x1F, 0x00, 0xCC, 0x52}, {}, 1);
+constexpr TTokenType TTokenType::TVandrelR2 =
+    row(1, 1, 0, {0x3B, 0x81, 0x1F, 0x00, 0xCC, 0x52}, {}, 1);
 constexpr TTokenType TTokenType::TVandrelPro16 =
     row(1, 2, 1, {0x3B, 0xE2, 0x00, 0xFF, 0xC1, 0x10, 0x31, 0xFE, 0x55, 0xC8, 0x02, 0x9C}, {}, 1);
 constexpr TTokenType TTokenType::TVandrelPro32 = row(
@@ -45,14 +46,12 @@ constexpr TTokenType TTokenType::TAthenaIDProtect = row(
     {0x3B, 0xD5, 0x00, 0xFF, 0x80, 0x91, 0xFE, 0x1F, 0xC3, 0x80, 0x73, 0xC8, 0x21, 0x10, 0x00},
     {0xFF, 0xFF, 0x00, 0xFF, 0xF0, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xF0, 0x00}, 2);
 constexpr TTokenType TTokenType::TAthenaKestora =
-    row(2, 2, 1,
-        {0x3B, 0xDC, 0x18, 0xFF, 0x81, 0x91, 0xFE, 0x1F, 0xC3, 0x80, 0x73,
-         0xC8, 0x21, 0x13, 0x66, 0x01, 0x06, 0x11, 0x59, 0x00, 0x01, 0x28},
+    row(2, 2, 1, {0x3B, 0xDC, 0x18, 0xFF, 0x81, 0x91, 0xFE, 0x1F, 0xC3, 0x80, 0x73,
+                  0xC8, 0x21, 0x13, 0x66, 0x01, 0x06, 0x11, 0x59, 0x00, 0x01, 0x28},
         {}, 2);
 constexpr TTokenType TTokenType::TAthenaKestoraEMVT1 =
-    row(2, 2, 2,
-        {0x3B, 0xFC, 0x13, 0x00, 0xFF, 0x81, 0x31, 0xFE, 0x45, 0x80, 0x73,
-         0xC8, 0x21, 0x13, 0x66, 0x01, 0x06, 0x11, 0x59, 0x00, 0x01, 0x3A},
+    row(2, 2, 2, {0x3B, 0xFC, 0x13, 0x00, 0xFF, 0x81, 0x31, 0xFE, 0x45, 0x80, 0x73,
+                  0xC8, 0x21, 0x13, 0x66, 0x01, 0x06, 0x11, 0x59, 0x00, 0x01, 0x3A},
         {}, 2);
 constexpr TTokenType TTokenType::TAthenaKestoraEMVT0 =
     row(2, 2, 3,
@@ -60,9 +59,8 @@ constexpr TTokenType TTokenType::TAthenaKestoraEMVT0 =
          0x01},
         {}, 2);
 constexpr TTokenType TTokenType::TAthenaKestoraLT =
-    row(2, 2, 4,
-        {0x3B, 0xDC, 0x18, 0xFF, 0x81, 0x11, 0xFE, 0x80, 0x73, 0xC8, 0x21,
-         0x13, 0x66, 0x01, 0x06, 0x01, 0x30, 0x80, 0x01, 0x8D},
+    row(2, 2, 4, {0x3B, 0xDC, 0x18, 0xFF, 0x81, 0x11, 0xFE, 0x80, 0x73, 0xC8,
+                  0x21, 0x13, 0x66, 0x01, 0x06, 0x01, 0x30, 0x80, 0x01, 0x8D},
         {}, 2);
 
 const TTokenType& TTokenType::fromAtr(const TBytes& atr) {
@@ -71,9 +69,9 @@ const TTokenType& TTokenType::fromAtr(const TBytes& atr) {
     const unsigned char length = static_cast<unsigned char>(atr.size());
     const unsigned char* given = atr.empty() ? nullptr : atr.data();
     static const TTokenType* const order[] = {
-        &TVandrelR2,          &TVandrelPro16,   &TVandrelPro32,    &TVandrelPro42,
-        &TVandrelPro42b,      &TVandrelJava10,  &TVandrelJava10b,  &TAthenaIDProtect,
-        &TAthenaKestora,      &TAthenaKestoraEMVT0, &TAthenaKestoraEMVT1, &TAthenaKestoraLT,
+        &TVandrelR2,     &TVandrelPro16,       &TVandrelPro32,       &TVandrelPro42,
+        &TVandrelPro42b, &TVandrelJava10,      &TVandrelJava10b,     &TAthenaIDProtect,
+        &TAthenaKestora, &TAthenaKestoraEMVT0, &TAthenaKestoraEMVT1, &TAthenaKestoraLT,
     };
     for (const TTokenType* t : order) {
         if (t->atrLength != length || given == nullptr) continue;

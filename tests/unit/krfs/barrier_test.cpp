@@ -72,18 +72,18 @@ TEST(Readers, UsableStateMask) {
         unsigned long state;
         bool usable;
     } cases[] = {
-        {0x020, true},            // present
-        {0x120, true},            // present and in use by someone else
-        {0x10020, true},          // pcsc-lite's event counter in the high word
-        {0x000, false},           // nothing
-        {0x010, false},           // empty
-        {0x220, false},           // present but mute
-        {0x0A0, false},           // present, held exclusively
-        {0x021, false},           // ignore
-        {0x024, false},           // unknown
-        {0x028, false},           // unavailable
-        {0x030, false},           // present and empty at once
-        {0x040 | 0x020, true},    // atr match bit does not matter
+        {0x020, true},          // present
+        {0x120, true},          // present and in use by someone else
+        {0x10020, true},        // pcsc-lite's event counter in the high word
+        {0x000, false},         // nothing
+        {0x010, false},         // empty
+        {0x220, false},         // present but mute
+        {0x0A0, false},         // present, held exclusively
+        {0x021, false},         // ignore
+        {0x024, false},         // unknown
+        {0x028, false},         // unavailable
+        {0x030, false},         // present and empty at once
+        {0x040 | 0x020, true},  // atr match bit does not matter
     };
     for (const Case& c : cases)
         EXPECT_EQ(CReaders::IsUsable(c.state), c.usable) << std::hex << c.state;

@@ -28,7 +28,11 @@ std::vector<StubCall> everyStubOperation() {
         {"fs.remove", [] { IAppFS::stub.remove(); }},
         {"fs.info", [] { IAppFS::stub.info(); }},
         {"fs.list", [] { IAppFS::stub.list(1); }},
-        {"fs.read", [] { TBytes b(4); IAppFS::stub.read(b, 0); }},
+        {"fs.read",
+         [] {
+             TBytes b(4);
+             IAppFS::stub.read(b, 0);
+         }},
         {"fs.write", [=] { IAppFS::stub.write(data, 0); }},
         {"pin.select", [] { IAppPin::stub.select({}); }},
         {"pin.login", [=] { IAppPin::stub.login(data); }},
@@ -59,19 +63,71 @@ std::vector<StubCall> everyStubOperation() {
         {"crypto.encrypt", [=] { IAppCrypto::stub.encrypt(data); }},
         {"crypto.decrypt", [=] { IAppCrypto::stub.decrypt(data); }},
         {"crypto.provider", [] { IAppCrypto::stub.provider(0x1001); }},
-        {"pack.sm", [=]() mutable { IAppPack p; p.sm(data, out); }},
-        {"pack.chain", [=]() mutable { IAppPack p; p.chain(data, out); }},
-        {"pack.keyGet", [] { IAppPack p; p.keyGet(0); }},
-        {"pack.keyClear", [] { IAppPack p; p.keyClear(); }},
-        {"pack.keySet", [=] { IAppPack p; p.keySet(0, data); }},
-        {"pack.keySave", [] { IAppPack p; p.keySave(); }},
-        {"pack.keyRestore", [] { IAppPack p; p.keyRestore(); }},
-        {"bio.select", [] { IAppBio b; b.select({}); }},
-        {"bio.loginType", [] { IAppBio b; b.loginType(); }},
-        {"bio.getEnrolledFingers", [] { IAppBio b; b.getEnrolledFingers(); }},
-        {"bio.readPublicBioData", [] { IAppBio b; b.readPublicBioData(1); }},
-        {"bio.appletMoC", [=] { IAppBio b; b.appletMoC(data, 1); }},
-        {"bio.loginByTicket", [=] { IAppBio b; b.loginByTicket(data); }},
+        {"pack.sm",
+         [=]() mutable {
+             IAppPack p;
+             p.sm(data, out);
+         }},
+        {"pack.chain",
+         [=]() mutable {
+             IAppPack p;
+             p.chain(data, out);
+         }},
+        {"pack.keyGet",
+         [] {
+             IAppPack p;
+             p.keyGet(0);
+         }},
+        {"pack.keyClear",
+         [] {
+             IAppPack p;
+             p.keyClear();
+         }},
+        {"pack.keySet",
+         [=] {
+             IAppPack p;
+             p.keySet(0, data);
+         }},
+        {"pack.keySave",
+         [] {
+             IAppPack p;
+             p.keySave();
+         }},
+        {"pack.keyRestore",
+         [] {
+             IAppPack p;
+             p.keyRestore();
+         }},
+        {"bio.select",
+         [] {
+             IAppBio b;
+             b.select({});
+         }},
+        {"bio.loginType",
+         [] {
+             IAppBio b;
+             b.loginType();
+         }},
+        {"bio.getEnrolledFingers",
+         [] {
+             IAppBio b;
+             b.getEnrolledFingers();
+         }},
+        {"bio.readPublicBioData",
+         [] {
+             IAppBio b;
+             b.readPublicBioData(1);
+         }},
+        {"bio.appletMoC",
+         [=] {
+             IAppBio b;
+             b.appletMoC(data, 1);
+         }},
+        {"bio.loginByTicket",
+         [=] {
+             IAppBio b;
+             b.loginByTicket(data);
+         }},
     };
 }
 

@@ -20,9 +20,11 @@ TEST(SizedAlloc, LargeSizesBypassTheLists) {
     void* before[sized_alloc::lists];
     for (unsigned long i = 0; i < sized_alloc::lists; ++i) before[i] = sized_alloc::heads[i];
     void* p = sized_alloc::alloc(121);
-    for (unsigned long i = 0; i < sized_alloc::lists; ++i) EXPECT_EQ(sized_alloc::heads[i], before[i]);
+    for (unsigned long i = 0; i < sized_alloc::lists; ++i)
+        EXPECT_EQ(sized_alloc::heads[i], before[i]);
     sized_alloc::free(p, 121);
-    for (unsigned long i = 0; i < sized_alloc::lists; ++i) EXPECT_EQ(sized_alloc::heads[i], before[i]);
+    for (unsigned long i = 0; i < sized_alloc::lists; ++i)
+        EXPECT_EQ(sized_alloc::heads[i], before[i]);
 }
 
 TEST(FixedAlloc, BlocksAreDistinctAlignedAndRecycled) {
