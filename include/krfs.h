@@ -71,6 +71,33 @@ long KRReadersEnumOpen(struct __tag_HReadersEnum** out);
 long KRReadersEnumNext(struct __tag_HReadersEnum* h, __tag_ReaderInf* info);
 long KRReadersEnumClose(struct __tag_HReadersEnum* h);
 
+/* ---- Token session ------------------------------------------------------ */
+
+/* Connects to the token in `reader` and selects the first applet that accepts
+ * it. 0x80100017: no such reader; 0x8010000C: no usable token. */
+long KRTokenBind(struct __tag_HToken** out, const char* reader);
+/* Reconnects; open directory and file handles follow the new connection. */
+long KRTokenRebind(struct __tag_HToken* h);
+/* Disconnects and frees the handle. Close other handles of the token first. */
+long KRTokenUnbind(struct __tag_HToken* h);
+/* Begins and ends a PC/SC transaction: the one way to share a token. */
+long KRTokenLock(struct __tag_HToken* h);
+long KRTokenUnLock(struct __tag_HToken* h);
+/* Selects an applet by number (0x1001 R2, 0x1002 Pro, 0x2001 Java, ...). */
+long KRSelectApplet(struct __tag_HToken* h, WORD applet);
+/* Presents the user PIN. A wrong PIN: 0x86E06300. */
+long KRTokenLogin(struct __tag_HToken* h, const char* pin);
+long KRTokenLogout(struct __tag_HToken* h);
+/* Changes the user PIN; needs a login first (else 0x86E06982). */
+long KRTokenPinChange(struct __tag_HToken* h, const char* pin);
+long KRTokenPinAttemptsGet(struct __tag_HToken* h, DWORD* attempts);
+/* Text getters: `size` in, the buffer's size; out, the length used. */
+long KRTokenLabelGet(struct __tag_HToken* h, char* buffer, DWORD* size);
+long KRTokenIDGet(struct __tag_HToken* h, char* buffer, DWORD* size);
+long KRTokenModelGet(struct __tag_HToken* h, char* buffer, DWORD* size);
+long KRTokenMaxPinGet(struct __tag_HToken* h, DWORD* length);
+long KRTokenMinPinGet(struct __tag_HToken* h, DWORD* length);
+
 /* ---- APDU log ----------------------------------------------------------- */
 
 /* Appends every APDU to the file at `path` ("C-APDU: 00 A4 ..."). PINs are
@@ -83,6 +110,19 @@ void KRDisableLogging(void);
 long QNReadersEnumOpen(struct __tag_HReadersEnum** out);
 long QNReadersEnumNext(struct __tag_HReadersEnum* h, __tag_ReaderInf* info);
 long QNReadersEnumClose(struct __tag_HReadersEnum* h);
+long QNTokenBind(struct __tag_HToken** out, const char* reader);
+long QNTokenRebind(struct __tag_HToken* h);
+long QNTokenUnbind(struct __tag_HToken* h);
+long QNTokenLock(struct __tag_HToken* h);
+long QNTokenUnLock(struct __tag_HToken* h);
+long QNSelectApplet(struct __tag_HToken* h, WORD applet);
+long QNTokenLogin(struct __tag_HToken* h, const char* pin);
+long QNTokenLogout(struct __tag_HToken* h);
+long QNTokenPinChange(struct __tag_HToken* h, const char* pin);
+long QNTokenLabelGet(struct __tag_HToken* h, char* buffer, DWORD* size);
+long QNTokenIDGet(struct __tag_HToken* h, char* buffer, DWORD* size);
+long QNTokenMaxPinGet(struct __tag_HToken* h, DWORD* length);
+long QNTokenMinPinGet(struct __tag_HToken* h, DWORD* length);
 
 #ifdef __cplusplus
 }

@@ -21,9 +21,11 @@ public:
     virtual void lock();
     virtual void unlock();
 
+    // Disconnects; later calls fail in PC/SC.
+    void ReleaseResources();
+
 protected:
     void InitResources();
-    void ReleaseResources();
     // Reconnects after SCARD_W_RESET_CARD; returns `result` as it came in.
     long HandleSCardErrors(long result);
 

@@ -22,6 +22,8 @@ public:
     virtual IAppCrypto* crypto() = 0;
     virtual IAppLic* lic() = 0;
     virtual IAppBio* bio() = 0;
+
+    static std::unique_ptr<IToken> create(std::unique_ptr<ISender>& sender);
 };
 
 }  // namespace libapdu

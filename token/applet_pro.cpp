@@ -1,0 +1,44 @@
+#include "applet_pro.h"
+
+#include "libapdu/exception.h"
+#include "libapdu/token_type.h"
+
+namespace libapdu {
+
+const TPath CAppletPro::kPathHome{0x3F00, 0x6666};
+const TPath CAppletPro::kPathRoot{0x3F00};
+
+namespace {
+
+bool isPro(const TTokenType& t) {
+    return &t == &TTokenType::TVandrelPro16 || &t == &TTokenType::TVandrelPro32 ||
+           &t == &TTokenType::TVandrelPro42 || &t == &TTokenType::TVandrelPro42b;
+}
+
+}  // namespace
+
+CAppletPro::CAppletPro(ISender* s) : IApplet(s) {
+    const TTokenType& type = TTokenType::fromAtr(sender()->atr());
+    if (!isPro(type)) APDU_RAISE(0xFACE);
+    error_.reset(new CErrorPro);
+}
+
+void CAppletPro::init() {
+    fs()->select(kPathHome);
+    TBytes config(258);
+    send({0x00, 0xCA, 0x01, 0x83, 0x00}, config);
+    checkSW(config);
+    fs()->select(kPathRoot);
+    // Only the first byte counts: a bare 90 00 reads as 0x90 here.
+    if (!config.empty() && config[0] == 0x10) {
+        TBytes r(2);
+        send({0x80, 0x10, 0x00, 0x00}, r);
+        checkSW(r);
+    }
+    info()->isFips();
+    info()->isFips();  // asked twice; the second answer counts
+}
+
+bool CAppletPro::checkIfExist(ISender* s) { return isPro(TTokenType::fromAtr(s->atr())); }
+
+}  // namespace libapdu

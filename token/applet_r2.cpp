@@ -1,0 +1,18 @@
+#include "applet_r2.h"
+
+#include "libapdu/exception.h"
+#include "libapdu/token_type.h"
+
+namespace libapdu {
+
+CAppletR2::CAppletR2(ISender* s) : IApplet(s) { error_.reset(new CErrorR2); }
+
+void CAppletR2::init() {
+    if (&TTokenType::fromAtr(sender()->atr()) != &TTokenType::TVandrelR2) APDU_RAISE(0xFACE);
+}
+
+bool CAppletR2::checkIfExist(ISender* s) {
+    return &TTokenType::fromAtr(s->atr()) == &TTokenType::TVandrelR2;
+}
+
+}  // namespace libapdu
