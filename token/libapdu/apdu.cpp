@@ -19,8 +19,8 @@ constexpr size_t kHeaderSize = 4;
 // An extended lc (a zero byte, then a word) takes the header and three bytes.
 constexpr size_t kExtendedLcEnd = kHeaderSize + 3;
 
-// The longest value the one-byte length form takes; add_12 switches one byte
-// earlier, at 255.
+// add_1 writes up to 255 bytes behind one length byte; add_12 already takes
+// its escaped form at 255.
 constexpr size_t kMaxShortLength = 255;
 constexpr size_t kMaxEscapedShort = 254;
 constexpr size_t kMaxWordLength = 0xFFFF;
@@ -241,6 +241,7 @@ CBERTLV CBERTLV::parse(const unsigned char* encoded, unsigned long available) {
     // complete one-byte tags, which is how the card data is laid out.
     if (first == kBerMultiByteTag) {
         const unsigned char second = in.byte();
+        // Second bytes that cannot continue a tag here.
         if (second == 0x00 || second == 0x80 || second == 0x1E) fail();
         tag |= static_cast<unsigned int>(second) << 8;
         if (second & kBerMoreTagBytes) {
