@@ -245,11 +245,4 @@ TEST(StatusExtract, R2ReadsTheLowByteFirst) {
     EXPECT_EQ(pro.extractSW({0x90, 0x00}), 0x9000);
 }
 
-TEST(StatusRaise, WorksThroughTheBaseInterface) {
-    std::unique_ptr<IAppError> e = std::make_unique<libapdu::CErrorIdprotect>();
-    EXPECT_EQ(outcome(*e, 0x6B00), 0x86E06400);
-    std::unique_ptr<IAppError> r2 = std::make_unique<libapdu::CErrorR2>();
-    EXPECT_EQ(r2->extractSW({0x00, 0x90}), 0x9000);
-}
-
 }  // namespace
