@@ -71,11 +71,17 @@ constexpr Rewrite kIsoWords[] = {
 // Any other word takes the class of its high byte; a word in no class is
 // unknown. 0x6Bxx has no class: only 0x6B00 itself is known.
 constexpr Rewrite kClasses[] = {
-    {0x6100, 0x61FF, kSuccess},  // more response data: the caller fetches it itself
-    {0x6200, 0x62FF, kWarning},     {0x6300, 0x63FF, kStateChanged}, {0x6400, 0x65FF, kExecError},
-    {0x6600, 0x66FF, kNotAllowed},  {0x6700, 0x68FF, kWrongParams},  {0x6900, 0x69FF, kNotAllowed},
-    {0x6A00, 0x6AFF, kWrongParams}, {0x6C00, 0x6EFF, kWrongParams},  {0x6F00, 0x6FFF, kNoDiagnosis},
-    {0x9000, 0x90FF, kSuccess},
+    {0x6100, 0x61FF, kSuccess},       // more data: a driver that wants it looks first
+    {0x6200, 0x62FF, kWarning},       // warning, memory unchanged
+    {0x6300, 0x63FF, kStateChanged},  // warning, memory changed; 0x63Cx wrong PIN
+    {0x6400, 0x65FF, kExecError},     // execution errors
+    {0x6600, 0x66FF, kNotAllowed},    // security related
+    {0x6700, 0x68FF, kWrongParams},   // wrong length, CLA functions not supported
+    {0x6900, 0x69FF, kNotAllowed},    // command not allowed
+    {0x6A00, 0x6AFF, kWrongParams},   // wrong parameters P1-P2
+    {0x6C00, 0x6EFF, kWrongParams},   // wrong le, INS or CLA
+    {0x6F00, 0x6FFF, kNoDiagnosis},   // no precise diagnosis
+    {0x9000, 0x90FF, kSuccess},       // normal processing
 };
 
 // ---- Dialect rewrites, applied before the common folding ----
