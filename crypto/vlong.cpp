@@ -408,7 +408,7 @@ void vlong::reverse() {
 unsigned vlong::size() const { return value->used * 4; }
 
 unsigned vlong::to_hex(unsigned char* buffer, unsigned length) const {
-    std::memset(buffer, 0, length);
+    if (length > 0) std::memset(buffer, 0, length);
     const unsigned bytes = value->used * 4;
     if (bytes > length) return length;
     for (unsigned i = 0; i < bytes; ++i)

@@ -17,7 +17,8 @@ namespace oracle {
 
 inline TBytes hex(const std::string& text) {
     TBytes out;
-    for (size_t i = 0; i + 1 < text.size(); i += 2) out.push_back(static_cast<unsigned char>(std::stoul(text.substr(i, 2), nullptr, 16)));
+    for (size_t i = 0; i + 1 < text.size(); i += 2)
+        out.push_back(static_cast<unsigned char>(std::stoul(text.substr(i, 2), nullptr, 16)));
     return out;
 }
 
@@ -27,23 +28,32 @@ inline TBytes random(size_t n) {
     return out;
 }
 
+// Loaded once, unloaded at exit so that the leak checker stays quiet.
+struct Providers {
+    OSSL_PROVIDER* base = OSSL_PROVIDER_load(nullptr, "default");
+    OSSL_PROVIDER* legacy = OSSL_PROVIDER_load(nullptr, "legacy");
+    ~Providers() {
+        if (legacy != nullptr) OSSL_PROVIDER_unload(legacy);
+        if (base != nullptr) OSSL_PROVIDER_unload(base);
+    }
+};
+
 inline void loadLegacy() {
-    static bool loaded = [] {
-        OSSL_PROVIDER_load(nullptr, "default");
-        return OSSL_PROVIDER_load(nullptr, "legacy") != nullptr;
-    }();
-    ASSERT_TRUE(loaded) << "OpenSSL legacy provider (single DES) not available";
+    static Providers providers;
+    ASSERT_NE(providers.legacy, nullptr) << "OpenSSL legacy provider (single DES) not available";
 }
 
 // A cipher over whole blocks with padding off. iv may be empty for ECB.
-inline TBytes evp(const char* name, const TBytes& key, const TBytes& iv, const TBytes& data, bool encrypt) {
+inline TBytes evp(const char* name, const TBytes& key, const TBytes& iv, const TBytes& data,
+                  bool encrypt) {
     EVP_CIPHER* cipher = EVP_CIPHER_fetch(nullptr, name, nullptr);
     EXPECT_NE(cipher, nullptr) << name;
     if (cipher == nullptr) return {};
     EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
     TBytes out(data.size() + 16);
     int n = 0, m = 0;
-    EVP_CipherInit_ex(ctx, cipher, nullptr, key.data(), iv.empty() ? nullptr : iv.data(), encrypt ? 1 : 0);
+    EVP_CipherInit_ex(ctx, cipher, nullptr, key.data(), iv.empty() ? nullptr : iv.data(),
+                      encrypt ? 1 : 0);
     EVP_CIPHER_CTX_set_padding(ctx, 0);
     EVP_CipherUpdate(ctx, out.data(), &n, data.data(), static_cast<int>(data.size()));
     EVP_CipherFinal_ex(ctx, out.data() + n, &m);
@@ -86,7 +96,8 @@ inline TBytes retailMac(const TBytes& key, const TBytes& padded) {
 
 // Full triple DES CBC-MAC: the last block of the CBC encryption.
 inline TBytes des3CbcMac(const TBytes& key, const TBytes& padded) {
-    TBytes c = evp(key.size() == 16 ? "DES-EDE-CBC" : "DES-EDE3-CBC", key, TBytes(8, 0), padded, true);
+    TBytes c =
+        evp(key.size() == 16 ? "DES-EDE-CBC" : "DES-EDE3-CBC", key, TBytes(8, 0), padded, true);
     return TBytes(c.end() - 8, c.end());
 }
 

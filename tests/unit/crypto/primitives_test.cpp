@@ -120,7 +120,8 @@ TBytes md5Split(const std::string& m, size_t cut) {
 TEST(Md5, Rfc1321SuiteSplitAtEveryByte) {
     for (const auto& v : kMd5Vectors)
         for (size_t cut = 0; cut <= v.message.size(); ++cut)
-            EXPECT_EQ(md5Split(v.message, cut), hex(v.digest)) << '"' << v.message << "\" cut " << cut;
+            EXPECT_EQ(md5Split(v.message, cut), hex(v.digest))
+                << '"' << v.message << "\" cut " << cut;
 }
 
 TEST(Md5, ByteAtATimeAcrossBlockBoundaries) {
@@ -174,7 +175,8 @@ TBytes sha1Split(const std::string& m, size_t cut) {
 TEST(Sha1, Fips180VectorsSplitAtEveryByte) {
     for (const auto& v : kSha1Vectors)
         for (size_t cut = 0; cut <= v.message.size(); ++cut)
-            EXPECT_EQ(sha1Split(v.message, cut), hex(v.digest)) << '"' << v.message << "\" cut " << cut;
+            EXPECT_EQ(sha1Split(v.message, cut), hex(v.digest))
+                << '"' << v.message << "\" cut " << cut;
 }
 
 TEST(Sha1, MillionAInUnevenPieces) {

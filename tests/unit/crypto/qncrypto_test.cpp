@@ -16,7 +16,8 @@ using oracle::hex;
 
 namespace {
 
-constexpr uint32_t kArg = QN_CRYPTO_E_ARGUMENT, kPad = QN_CRYPTO_E_PADDING, kLen = QN_CRYPTO_E_LENGTH;
+constexpr uint32_t kArg = QN_CRYPTO_E_ARGUMENT, kPad = QN_CRYPTO_E_PADDING,
+                   kLen = QN_CRYPTO_E_LENGTH;
 
 class Toolkit : public ::testing::Test {
 protected:
@@ -51,8 +52,8 @@ TBytes cbc(const TBytes& key, const TBytes& iv, const TBytes& data, uint32_t dir
         written += static_cast<size_t>(n);
     }
     int n = 0;
-    uint32_t r = qnCryptoCbcFinal(&ctx, data.data() + at, static_cast<int>(data.size() - at), padding,
-                                  out.data() + written, &n);
+    uint32_t r = qnCryptoCbcFinal(&ctx, data.data() + at, static_cast<int>(data.size() - at),
+                                  padding, out.data() + written, &n);
     if (status != nullptr) *status = r;
     written += static_cast<size_t>(n);
     out.resize(written);
@@ -76,8 +77,13 @@ TEST_F(Toolkit, TripleDesEcbMatchesOpenSsl) {
 TEST_F(Toolkit, TripleDesKnownAnswer) {
     // NIST SP 800-67 example: three distinct keys.
     const TBytes key = hex("0123456789ABCDEF23456789ABCDEF01456789ABCDEF0123");
-    const TBytes plain = hex("5468652071756663" "6B2062726F776E20" "666F78206A756D70");
-    EXPECT_EQ(ecb(key, plain, QN_CRYPTO_ENCRYPT), hex("A826FD8CE53B855F" "CCE21C8112256FE6" "68D5C05DD9B6B900"));
+    const TBytes plain =
+        hex("5468652071756663"
+            "6B2062726F776E20"
+            "666F78206A756D70");
+    EXPECT_EQ(ecb(key, plain, QN_CRYPTO_ENCRYPT), hex("A826FD8CE53B855F"
+                                                      "CCE21C8112256FE6"
+                                                      "68D5C05DD9B6B900"));
 }
 
 TEST_F(Toolkit, SixteenByteKeyReusesK1AsK3) {
@@ -94,7 +100,8 @@ TEST_F(Toolkit, TripleDesCbcMatchesOpenSslInAnyPieces) {
             const TBytes key = oracle::random(keyLen), iv = oracle::random(8);
             const TBytes data = oracle::random(8 * (3 + step % 5));
             const TBytes c = cbc(key, iv, data, QN_CRYPTO_ENCRYPT, QN_PAD_NONE, step);
-            EXPECT_EQ(c, oracle::evp(cbcName(keyLen), key, iv, data, true)) << keyLen << "/" << step;
+            EXPECT_EQ(c, oracle::evp(cbcName(keyLen), key, iv, data, true))
+                << keyLen << "/" << step;
             EXPECT_EQ(cbc(key, iv, c, QN_CRYPTO_DECRYPT, QN_PAD_NONE, step), data) << step;
         }
     }
@@ -178,8 +185,8 @@ TEST_F(Toolkit, DecryptPaddingChecks) {
         {"1122334455800000", QN_PAD_ISO, 0, 5},
         {"8000000000000000", QN_PAD_ISO, 0, 0},
         {"1122334455667780", QN_PAD_ISO, 0, 7},
-        {"0000000000000000", QN_PAD_ISO, kPad, 0},    // all zero
-        {"1122334455810000", QN_PAD_ISO, kPad, 0},    // not 80 before the zeros
+        {"0000000000000000", QN_PAD_ISO, kPad, 0},  // all zero
+        {"1122334455810000", QN_PAD_ISO, kPad, 0},  // not 80 before the zeros
         {"1122334455667788", QN_PAD_NONE, 0, 8},
     };
     for (const auto& c : cases) {
@@ -221,8 +228,8 @@ TEST_F(Toolkit, SizeQueriesMatchWhatIsWrittenAndChangeNothing) {
         for (int mode : {QN_PAD_NONE, QN_PAD_PKCS5, QN_PAD_ISO}) {
             for (size_t held : {0u, 3u, 8u}) {
                 for (size_t len : {0u, 5u, 8u, 16u, 21u}) {
-                    SCOPED_TRACE(::testing::Message() << "dir " << dir << " mode " << mode << " held "
-                                                      << held << " len " << len);
+                    SCOPED_TRACE(::testing::Message() << "dir " << dir << " mode " << mode
+                                                      << " held " << held << " len " << len);
                     rv = 0;
                     TBytes data = oracle::random(held + len);
                     if (dir == 1) {
@@ -240,8 +247,10 @@ TEST_F(Toolkit, SizeQueriesMatchWhatIsWrittenAndChangeNothing) {
                     int n = 0;
                     qnCryptoCbc(&ctx, data.data(), static_cast<int>(held), out.data(), &n);
                     int quick = -1, size = -1;
-                    const uint32_t q1 = qnCryptoCbc(&ctx, data.data() + held, static_cast<int>(len), nullptr, &quick);
-                    const uint32_t q2 = qnCryptoCbcFinal(&ctx, data.data() + held, static_cast<int>(len), mode, nullptr, &size);
+                    const uint32_t q1 = qnCryptoCbc(&ctx, data.data() + held, static_cast<int>(len),
+                                                    nullptr, &quick);
+                    const uint32_t q2 = qnCryptoCbcFinal(
+                        &ctx, data.data() + held, static_cast<int>(len), mode, nullptr, &size);
                     EXPECT_EQ(q1, 0u);
                     if (mode == QN_PAD_NONE && (held + len) % 8 != 0) {
                         EXPECT_EQ(q2, kLen);
@@ -249,11 +258,13 @@ TEST_F(Toolkit, SizeQueriesMatchWhatIsWrittenAndChangeNothing) {
                         continue;
                     }
                     ASSERT_EQ(q2, 0u);
-                    const uint32_t status = qnCryptoCbcFinal(&ctx, data.data() + held, static_cast<int>(len), mode, out.data(), &n);
+                    const uint32_t status = qnCryptoCbcFinal(
+                        &ctx, data.data() + held, static_cast<int>(len), mode, out.data(), &n);
                     ASSERT_EQ(status, 0u);
                     EXPECT_EQ(size, n) << "final size query";
                     // Bytes held in the context after the first call.
-                    const int pos = static_cast<int>(dir == 0 || held % 8 != 0 ? held % 8 : (held == 0 ? 0 : 8));
+                    const int pos = static_cast<int>(
+                        dir == 0 || held % 8 != 0 ? held % 8 : (held == 0 ? 0 : 8));
                     const int total = pos + static_cast<int>(len);
                     const int before = dir == 0 ? total / 8 * 8 : std::max(0, total - 8) / 8 * 8;
                     EXPECT_EQ(quick, before) << "non-final size query";
@@ -294,7 +305,8 @@ TEST_F(Toolkit, KeySetupRefusesBadArguments) {
     rv = 0;
     EXPECT_EQ(qnCryptoHashInit(&ctx, qnCryptoAlgDES3), kArg) << "a cipher as hash";
     rv = 0;
-    EXPECT_EQ(qnCryptoCbcInit(&ctx, qnCryptoAlgDES3, 0, key.data(), 24, key.data(), 7), kArg) << "7-byte IV";
+    EXPECT_EQ(qnCryptoCbcInit(&ctx, qnCryptoAlgDES3, 0, key.data(), 24, key.data(), 7), kArg)
+        << "7-byte IV";
     rv = 0;
     EXPECT_EQ(qnCryptoMacResult(&ctx, 0, nullptr, nullptr), kArg) << "padding 0";
     rv = 0;
@@ -463,7 +475,8 @@ TEST_F(Toolkit, RetailMacMatchesSingleDesComposition) {
                 TBytes mac(8);
                 int n = 0;
                 qnCryptoMacResult(&ctx, mode, mac.data(), &n);
-                EXPECT_EQ(mac, oracle::retailMac(key, padded(data, mode))) << keyLen << "/" << mode << "/" << len;
+                EXPECT_EQ(mac, oracle::retailMac(key, padded(data, mode)))
+                    << keyLen << "/" << mode << "/" << len;
                 qnCryptoFree(&ctx);
             }
         }
@@ -492,8 +505,9 @@ TBytes opensslPkcs12(const TBytes& pass, const TBytes& salt, int id, int iter, i
     bmp.push_back(0);
     bmp.push_back(0);
     TBytes out(static_cast<size_t>(n));
-    EXPECT_EQ(PKCS12_key_gen_uni(bmp.data(), static_cast<int>(bmp.size()), const_cast<unsigned char*>(salt.data()),
-                                 static_cast<int>(salt.size()), id, iter, n, out.data(), EVP_sha1()),
+    EXPECT_EQ(PKCS12_key_gen_uni(
+                  bmp.data(), static_cast<int>(bmp.size()), const_cast<unsigned char*>(salt.data()),
+                  static_cast<int>(salt.size()), id, iter, n, out.data(), EVP_sha1()),
               1);
     return out;
 }
@@ -504,17 +518,20 @@ TEST_F(Toolkit, Pkcs12MatchesOpenSsl) {
         const TBytes salt = oracle::random(static_cast<size_t>(1 + round * 11 % 80));
         const int id = 1 + round % 3, iter = 1 + round * 13 % 40, n = 1 + round * 5 % 70;
         TBytes out(static_cast<size_t>(n));
-        EXPECT_EQ(qnCryptoPbePkcs12(qnCryptoAlgSHA1, pass.data(), static_cast<int>(pass.size()), salt.data(),
-                                    static_cast<int>(salt.size()), iter, id, out.data(), n),
-                  0u);
+        EXPECT_EQ(
+            qnCryptoPbePkcs12(qnCryptoAlgSHA1, pass.data(), static_cast<int>(pass.size()),
+                              salt.data(), static_cast<int>(salt.size()), iter, id, out.data(), n),
+            0u);
         EXPECT_EQ(out, opensslPkcs12(pass, salt, id, iter, n))
-            << "pass " << pass.size() << " salt " << salt.size() << " id " << id << " iter " << iter << " n " << n;
+            << "pass " << pass.size() << " salt " << salt.size() << " id " << id << " iter " << iter
+            << " n " << n;
     }
 }
 
 TEST_F(Toolkit, Pkcs12RawWithNothingHashesDAlone) {
     TBytes out(20);
-    EXPECT_EQ(qnCryptoPbePkcs12_Raw(qnCryptoAlgSHA1, nullptr, 0, nullptr, 0, 1, 3, out.data(), 20), 0u);
+    EXPECT_EQ(qnCryptoPbePkcs12_Raw(qnCryptoAlgSHA1, nullptr, 0, nullptr, 0, 1, 3, out.data(), 20),
+              0u);
     EXPECT_EQ(out, oracle::digest("SHA1", TBytes(64, 3)));
     TBytes md5(16);
     qnCryptoPbePkcs12_Raw(qnCryptoAlgMD5, nullptr, 0, nullptr, 0, 2, 1, md5.data(), 16);
@@ -524,7 +541,8 @@ TEST_F(Toolkit, Pkcs12RawWithNothingHashesDAlone) {
 TEST_F(Toolkit, Pkcs12RefusesBadArguments) {
     TBytes out(8, 0x77);
     const unsigned char salt[4] = {1, 2, 3, 4};
-    EXPECT_EQ(qnCryptoPbePkcs12_Raw(qnCryptoAlgSHA1, nullptr, 3, salt, 4, 1, 1, out.data(), 8), kArg);
+    EXPECT_EQ(qnCryptoPbePkcs12_Raw(qnCryptoAlgSHA1, nullptr, 3, salt, 4, 1, 1, out.data(), 8),
+              kArg);
     rv = 0;
     EXPECT_EQ(qnCryptoPbePkcs12_Raw(qnCryptoAlgSHA1, salt, -1, salt, 4, 1, 1, out.data(), 8), kArg);
     rv = 0;

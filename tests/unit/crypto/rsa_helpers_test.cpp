@@ -40,7 +40,8 @@ Cert makeCert(unsigned bits) {
     X509_gmtime_adj(X509_getm_notBefore(x), 0);
     X509_gmtime_adj(X509_getm_notAfter(x), 3600);
     X509_NAME* name = X509_get_subject_name(x);
-    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>("krfs test"), -1, -1, 0);
+    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
+                               reinterpret_cast<const unsigned char*>("krfs test"), -1, -1, 0);
     X509_set_issuer_name(x, name);
     X509_set_pubkey(x, key);
     X509_sign(x, key, EVP_sha256());
@@ -79,7 +80,8 @@ TEST(RsaHelpers, EveryTruncationIsAFailureNotAnOverread) {
     for (size_t n = 0; n < der.size(); n += (n < 400 ? 1 : 17)) {
         TBytes cut(der.begin(), der.begin() + static_cast<long>(n));
         cut.shrink_to_fit();
-        EXPECT_EQ(raisedCode([&] { extractPublicKeyFromCert(cut); }), 0x86E06281L) << "length " << n;
+        EXPECT_EQ(raisedCode([&] { extractPublicKeyFromCert(cut); }), 0x86E06281L)
+            << "length " << n;
     }
 }
 
@@ -96,7 +98,8 @@ TEST(RsaHelpers, CorruptedBytesFailCleanly) {
             EXPECT_TRUE(code == 0 || code == 0x86E06281L) << std::hex << code;
         }
     }
-    EXPECT_EQ(raisedCode([] { extractPublicKeyFromCert(hex("3080")); }), 0x86E06281L) << "indefinite length";
+    EXPECT_EQ(raisedCode([] { extractPublicKeyFromCert(hex("3080")); }), 0x86E06281L)
+        << "indefinite length";
 }
 
 TEST(RsaHelpers, FirstByteIsDroppedEvenWithoutALeadingZero) {
@@ -109,7 +112,13 @@ TEST(RsaHelpers, FirstByteIsDroppedEvenWithoutALeadingZero) {
     bitString.insert(bitString.end(), rsaKey.begin(), rsaKey.end());
     TBytes spki{0x30, static_cast<unsigned char>(bitString.size() + 2), 0x30, 0x00};
     spki.insert(spki.end(), bitString.begin(), bitString.end());
-    TBytes tbs = hex("A003020102" "020101" "3000" "3000" "3000" "3000");
+    TBytes tbs =
+        hex("A003020102"
+            "020101"
+            "3000"
+            "3000"
+            "3000"
+            "3000");
     tbs.insert(tbs.end(), spki.begin(), spki.end());
     TBytes tbsSeq{0x30, static_cast<unsigned char>(tbs.size())};
     tbsSeq.insert(tbsSeq.end(), tbs.begin(), tbs.end());
@@ -124,14 +133,11 @@ TEST(RsaHelpers, IsValidDataForRsa) {
         const char* data;
         bool valid;
     } cases[] = {
-        {"8000", "7FFF", true},
-        {"8000", "8000", false},
-        {"8000", "00", false},
-        {"8000", "8001", false},
-        {"0100", "00FF", true},
-        {"", "", false},
+        {"8000", "7FFF", true},  {"8000", "8000", false}, {"8000", "00", false},
+        {"8000", "8001", false}, {"0100", "00FF", true},  {"", "", false},
     };
-    for (const auto& c : cases) EXPECT_EQ(isValidDataForRSA(hex(c.key), hex(c.data)), c.valid) << c.key << " " << c.data;
+    for (const auto& c : cases)
+        EXPECT_EQ(isValidDataForRSA(hex(c.key), hex(c.data)), c.valid) << c.key << " " << c.data;
 }
 
 TEST(RsaHelpers, Pkcs1Pad) {

@@ -81,14 +81,16 @@ TBytes pkcs12Reference(int id, const TBytes& pin, const TBytes& salt) {
     for (unsigned char c : pin) bmp.insert(bmp.end(), {0, c});
     bmp.insert(bmp.end(), {0, 0});
     TBytes out(24);
-    PKCS12_key_gen_uni(bmp.data(), static_cast<int>(bmp.size()), const_cast<unsigned char*>(salt.data()), 20, id,
-                       999, 24, out.data(), EVP_sha1());
+    PKCS12_key_gen_uni(bmp.data(), static_cast<int>(bmp.size()),
+                       const_cast<unsigned char*>(salt.data()), 20, id, 999, 24, out.data(),
+                       EVP_sha1());
     return out;
 }
 
 TEST_F(TokenCrypto, PinKeysArePkcs12With999Iterations) {
     for (int id : {1, 3, 0x103}) {
-        const TBytes pin = oracle::random(static_cast<size_t>(4 + id % 5)), salt = oracle::random(20);
+        const TBytes pin = oracle::random(static_cast<size_t>(4 + id % 5)),
+                     salt = oracle::random(20);
         TBytes java(24), pro(24);
         crypto_qntoken_java_sha1(id, pin.data(), pin.size(), salt.data(), 20, java.data(), 24);
         crypto_qntoken_pro_sha1(id, pin.data(), pin.size(), salt.data(), 20, pro.data(), 24);
@@ -102,7 +104,8 @@ TEST_F(TokenCrypto, Des3MacPadsOnlyUnalignedData) {
     const TBytes eight = oracle::random(8);
     TBytes mac(8);
     crypto_qntoken_des3_mac(eight.data(), 8, key.data(), 24, mac.data(), 8);
-    EXPECT_EQ(mac, oracle::evp("DES-EDE3-ECB", key, {}, eight, true)) << "one block: one encryption";
+    EXPECT_EQ(mac, oracle::evp("DES-EDE3-ECB", key, {}, eight, true))
+        << "one block: one encryption";
 
     const TBytes nine = oracle::random(9);
     crypto_qntoken_des3_mac(nine.data(), 9, key.data(), 24, mac.data(), 8);
@@ -137,22 +140,35 @@ TEST_F(TokenCrypto, WrongLengthsLeaveOutputUntouched) {
         std::function<void(unsigned char*)> call;
     };
     const Case cases[] = {
-        {"md5_iterated out 15", 32, [&](unsigned char* o) { crypto_qntoken_md5_iterated(d, 8, o, 15, 1); }},
-        {"md5_iterated out 17", 32, [&](unsigned char* o) { crypto_qntoken_md5_iterated(d, 8, o, 17, 1); }},
+        {"md5_iterated out 15", 32,
+         [&](unsigned char* o) { crypto_qntoken_md5_iterated(d, 8, o, 15, 1); }},
+        {"md5_iterated out 17", 32,
+         [&](unsigned char* o) { crypto_qntoken_md5_iterated(d, 8, o, 17, 1); }},
         {"md5_32 out 31", 40, [&](unsigned char* o) { crypto_qntoken_md5_32(d, 8, d, 8, o, 31); }},
         {"md5_24 out 23", 32, [&](unsigned char* o) { crypto_qntoken_md5_24(d, 8, d, 8, o, 23); }},
         {"md5_24 out 25", 32, [&](unsigned char* o) { crypto_qntoken_md5_24(d, 8, d, 8, o, 25); }},
-        {"pro_sha1 salt 19", 32, [&](unsigned char* o) { crypto_qntoken_pro_sha1(1, d, 4, d, 19, o, 24); }},
-        {"pro_sha1 salt 21", 32, [&](unsigned char* o) { crypto_qntoken_pro_sha1(1, d, 4, d, 21, o, 24); }},
-        {"java_sha1 out 20", 32, [&](unsigned char* o) { crypto_qntoken_java_sha1(3, d, 4, d, 20, o, 20); }},
-        {"des3_mac key 16", 16, [&](unsigned char* o) { crypto_qntoken_des3_mac(d, 8, d, 16, o, 8); }},
-        {"des3_mac out 16", 16, [&](unsigned char* o) { crypto_qntoken_des3_mac(d, 8, d, 24, o, 16); }},
-        {"des3cbc_enc key 24", 16, [&](unsigned char* o) { crypto_qntoken_des3cbc_enc(d, 8, d, 24, o, 8); }},
-        {"des3cbc_enc out 16", 16, [&](unsigned char* o) { crypto_qntoken_des3cbc_enc(d, 8, d, 16, o, 16); }},
-        {"des3_enc key 16", 16, [&](unsigned char* o) { crypto_qntoken_des3_enc(d, 8, d, 16, o, 8); }},
-        {"des3_enc out 7", 16, [&](unsigned char* o) { crypto_qntoken_des3_enc(d, 8, d, 24, o, 7); }},
-        {"athena empty pin", 16, [&](unsigned char* o) { crypto_athena_response(d, 0, d, 16, o, 16); }},
-        {"athena challenge 8", 16, [&](unsigned char* o) { crypto_athena_response(d, 4, d, 8, o, 16); }},
+        {"pro_sha1 salt 19", 32,
+         [&](unsigned char* o) { crypto_qntoken_pro_sha1(1, d, 4, d, 19, o, 24); }},
+        {"pro_sha1 salt 21", 32,
+         [&](unsigned char* o) { crypto_qntoken_pro_sha1(1, d, 4, d, 21, o, 24); }},
+        {"java_sha1 out 20", 32,
+         [&](unsigned char* o) { crypto_qntoken_java_sha1(3, d, 4, d, 20, o, 20); }},
+        {"des3_mac key 16", 16,
+         [&](unsigned char* o) { crypto_qntoken_des3_mac(d, 8, d, 16, o, 8); }},
+        {"des3_mac out 16", 16,
+         [&](unsigned char* o) { crypto_qntoken_des3_mac(d, 8, d, 24, o, 16); }},
+        {"des3cbc_enc key 24", 16,
+         [&](unsigned char* o) { crypto_qntoken_des3cbc_enc(d, 8, d, 24, o, 8); }},
+        {"des3cbc_enc out 16", 16,
+         [&](unsigned char* o) { crypto_qntoken_des3cbc_enc(d, 8, d, 16, o, 16); }},
+        {"des3_enc key 16", 16,
+         [&](unsigned char* o) { crypto_qntoken_des3_enc(d, 8, d, 16, o, 8); }},
+        {"des3_enc out 7", 16,
+         [&](unsigned char* o) { crypto_qntoken_des3_enc(d, 8, d, 24, o, 7); }},
+        {"athena empty pin", 16,
+         [&](unsigned char* o) { crypto_athena_response(d, 0, d, 16, o, 16); }},
+        {"athena challenge 8", 16,
+         [&](unsigned char* o) { crypto_athena_response(d, 4, d, 8, o, 16); }},
         {"athena out 8", 16, [&](unsigned char* o) { crypto_athena_response(d, 4, d, 16, o, 8); }},
         {"random length 0", 16, [&](unsigned char* o) { crypto_random(o, 0); }},
     };
@@ -169,7 +185,8 @@ TEST_F(TokenCrypto, SmEncryptionUsesIsoPadding) {
         const char* name = keyLen == 16 ? "DES-EDE-CBC" : "DES-EDE3-CBC";
         TBytes out;
         crypto_sm_enc(key, {}, out, {});
-        EXPECT_EQ(out, oracle::evp(name, key, TBytes(8, 0), hex("8000000000000000"), true)) << "empty data";
+        EXPECT_EQ(out, oracle::evp(name, key, TBytes(8, 0), hex("8000000000000000"), true))
+            << "empty data";
         for (size_t len : {1u, 7u, 8u, 20u}) {
             const TBytes data = oracle::random(len);
             crypto_sm_enc(key, data, out, iv);
@@ -186,7 +203,8 @@ TEST_F(TokenCrypto, SmEncryptionUsesIsoPadding) {
 
 TEST_F(TokenCrypto, SmDecryptFaultsLeaveOutAsItWas) {
     const TBytes key = oracle::random(24);
-    const TBytes badPad = oracle::evp("DES-EDE3-CBC", key, TBytes(8, 0), hex("1122334455667788"), true);
+    const TBytes badPad =
+        oracle::evp("DES-EDE3-CBC", key, TBytes(8, 0), hex("1122334455667788"), true);
     TBytes out(5, 0x42);
     crypto_sm_dec(key, badPad, out, {});
     EXPECT_EQ(out, TBytes(5, 0x42));

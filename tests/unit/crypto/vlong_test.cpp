@@ -105,9 +105,14 @@ TEST(Vlong, DivisionCornerPatterns) {
     // Divisors and dividends of all-ones and lone top bits exercise the
     // quotient-estimate correction and the add-back step.
     BN_CTX* ctx = BN_CTX_new();
-    const char* patterns[] = {"FFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFF", "80000000000000000000000000000000",
-                              "800000000000000000000001", "FFFFFFFF00000000FFFFFFFF", "7FFFFFFF80000001",
-                              "100000000", "FFFFFFFF", "1"};
+    const char* patterns[] = {"FFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFF",
+                              "80000000000000000000000000000000",
+                              "800000000000000000000001",
+                              "FFFFFFFF00000000FFFFFFFF",
+                              "7FFFFFFF80000001",
+                              "100000000",
+                              "FFFFFFFF",
+                              "1"};
     for (const char* x : patterns) {
         for (const char* y : patterns) {
             BIGNUM *a = nullptr, *b = nullptr;
@@ -221,7 +226,8 @@ TEST(Vlong, ModinvMatchesBignum) {
         Bn m = randomBn(64 + round * 17, BN_RAND_TOP_ONE, BN_RAND_BOTTOM_ODD), a = bn(), inv = bn();
         do {
             BN_rand_range(a.get(), m.get());
-        } while (BN_is_zero(a.get()) || BN_mod_inverse(inv.get(), a.get(), m.get(), ctx) == nullptr);
+        } while (BN_is_zero(a.get()) ||
+                 BN_mod_inverse(inv.get(), a.get(), m.get(), ctx) == nullptr);
         EXPECT_EQ(bytesOf(modinv(fromBn(a.get()), fromBn(m.get()))), bytesOf(inv.get()));
     }
     BN_CTX_free(ctx);
@@ -229,11 +235,13 @@ TEST(Vlong, ModinvMatchesBignum) {
 
 TEST(Vlong, ModexpSmallCases) {
     EXPECT_EQ(static_cast<unsigned>(modexp(2, 10, 1001)), 23u);
-    EXPECT_EQ(static_cast<unsigned>(modexp(2, 10, 1000)), 24u) << "even modulus: plain, and it ends";
+    EXPECT_EQ(static_cast<unsigned>(modexp(2, 10, 1000)), 24u)
+        << "even modulus: plain, and it ends";
     EXPECT_EQ(static_cast<unsigned>(modexp(7, 0, 1001)), 1u) << "e = 0 is defined as 1 mod m";
     EXPECT_TRUE(modexp(7, 0, 1).is_zero());
     EXPECT_TRUE(modexp(7, 5, 0).is_zero()) << "m = 0 is defined as 0";
-    EXPECT_EQ(static_cast<unsigned>(modexp(5000, 3, 7)), 5000u * 5000 % 7 * 5000 % 7) << "x above m";
+    EXPECT_EQ(static_cast<unsigned>(modexp(5000, 3, 7)), 5000u * 5000 % 7 * 5000 % 7)
+        << "x above m";
 }
 
 TEST(Vlong, ModexpMatchesBignum) {
@@ -244,7 +252,8 @@ TEST(Vlong, ModexpMatchesBignum) {
             Bn e = randomBn(round % 2 ? 160 : bits);
             BN_rand_range(x.get(), m.get());
             BN_mod_exp(r.get(), x.get(), e.get(), m.get(), ctx);
-            EXPECT_EQ(bytesOf(modexp(fromBn(x.get()), fromBn(e.get()), fromBn(m.get()))), bytesOf(r.get()))
+            EXPECT_EQ(bytesOf(modexp(fromBn(x.get()), fromBn(e.get()), fromBn(m.get()))),
+                      bytesOf(r.get()))
                 << bits << " bits, round " << round;
         }
     }
