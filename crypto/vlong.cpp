@@ -534,6 +534,7 @@ monty::monty(const vlong& M) : m(M), N(0), fast_(false), limbs_(1) {
     u64 x = mw_[0];  // correct to 3 bits for odd m
     for (int step = 0; step < 5; ++step) x *= 2 - mw_[0] * x;
     inv[0] = x;
+    m0inv_ = 0 - x;
     for (unsigned prec = 1; prec < s;) {
         const unsigned next = prec * 2 < s ? prec * 2 : s;
         mulWordsTrunc(t.data(), next, mw_.data(), next, inv.data(), prec);  // m * inv
@@ -633,13 +634,59 @@ void monty::mul(vlong& x, const vlong& y) {
     x.negative = false;
 }
 
+void monty::mulReduce(u64* out, const u64* a, const u64* b) {
+    const unsigned s = limbs_;
+    u64* T2 = work_.data();  // 2s + 1 words
+    if (a == b)
+        sqrWords(T2, a, s);
+    else
+        mulWordsTrunc(T2, 2 * s, a, s, b, s);
+    T2[2 * s] = 0;
+    for (unsigned i = 0; i < s; ++i) {
+        const u64 q = T2[i] * m0inv_;
+        u64 carry = 0;
+        for (unsigned j = 0; j < s; ++j) {
+            const u128 t = static_cast<u128>(q) * mw_[j] + T2[i + j] + carry;
+            T2[i + j] = static_cast<u64>(t);
+            carry = static_cast<u64>(t >> 64);
+        }
+        for (unsigned k = i + s; carry != 0 && k <= 2 * s; ++k) {
+            T2[k] += carry;
+            carry = T2[k] < carry ? 1 : 0;
+        }
+    }
+    // T2[s..2s] is below 2m: subtract m once if needed.
+    const u64* Y = T2 + s;
+    bool geq = Y[s] != 0;
+    if (!geq) {
+        geq = true;
+        for (unsigned i = s; i-- > 0;) {
+            if (Y[i] != mw_[i]) {
+                geq = Y[i] > mw_[i];
+                break;
+            }
+        }
+    }
+    if (geq) {
+        u64 borrow = 0;
+        for (unsigned i = 0; i < s; ++i) {
+            const u128 d = static_cast<u128>(Y[i]) - mw_[i] - borrow;
+            out[i] = static_cast<u64>(d);
+            borrow = static_cast<u64>(d >> 64) ? 1 : 0;
+        }
+    } else {
+        std::memmove(out, Y, s * sizeof(u64));
+    }
+}
+
 vlong monty::exp(const vlong& x, const vlong& e) {
     const unsigned bits = e.value->bits();
     if (bits == 0) return vlong(1) % m;  // x^0; the bit loop has no top bit to stop at
-    vlong result = R - m;
-    vlong t = (x * R) % m;
-    if (t.is_neg()) t += m;
     if (!fast_) {
+        // Right to left, square and multiply, in R = 2^N.
+        vlong result = R - m;
+        vlong t = (x * R) % m;
+        if (t.is_neg()) t += m;
         for (unsigned i = 0;; ++i) {
             if (e.value->test(i)) mul(result, t);
             if (i + 1 == bits) break;
@@ -647,16 +694,49 @@ vlong monty::exp(const vlong& x, const vlong& e) {
         }
         return (result * R1) % m;
     }
-    std::vector<u64> rw(limbs_), tw(limbs_);
-    toWords(*result.value, rw.data(), limbs_);
-    toWords(*t.value, tw.data(), limbs_);
-    for (unsigned i = 0;; ++i) {
-        if (e.value->test(i)) mulWords(rw.data(), rw.data(), tw.data());
-        if (i + 1 == bits) break;
-        mulWords(tw.data(), tw.data(), tw.data());
+    // The same power by a left-to-right sliding window over whole 64-bit
+    // words, which needs fewer and cheaper products; x^e mod m is the same.
+    const unsigned s = limbs_;
+    const vlong wordR = vlong(1) << (64 * s);
+    vlong base = (x * wordR) % m;
+    if (base.is_neg()) base += m;
+    const unsigned w = bits > 671 ? 6 : bits > 239 ? 5 : bits > 79 ? 4 : bits > 23 ? 3 : 1;
+    std::vector<u64> table((size_t(1) << (w - 1)) * s), square(s), acc(s);
+    toWords(*base.value, table.data(), s);  // table[i] = base^(2i+1)
+    mulReduce(square.data(), table.data(), table.data());
+    for (size_t i = 1; i < (size_t(1) << (w - 1)); ++i)
+        mulReduce(table.data() + i * s, table.data() + (i - 1) * s, square.data());
+    bool started = false;  // the top bit is set, so the first window starts acc
+    for (int i = static_cast<int>(bits) - 1; i >= 0;) {
+        if (!e.value->test(static_cast<unsigned>(i))) {
+            mulReduce(acc.data(), acc.data(), acc.data());
+            --i;
+            continue;
+        }
+        // The longest window of at most w bits that ends in a set bit.
+        int low = i - static_cast<int>(w) + 1;
+        if (low < 0) low = 0;
+        while (!e.value->test(static_cast<unsigned>(low))) ++low;
+        unsigned window = 0;
+        for (int k = i; k >= low; --k) {
+            if (started) mulReduce(acc.data(), acc.data(), acc.data());
+            window = (window << 1) | (e.value->test(static_cast<unsigned>(k)) ? 1u : 0u);
+        }
+        const u64* power = table.data() + (window >> 1) * s;
+        if (started)
+            mulReduce(acc.data(), acc.data(), power);
+        else
+            std::memcpy(acc.data(), power, s * sizeof(u64));
+        started = true;
+        i = low - 1;
     }
-    fromWords(*result.value, rw.data(), limbs_);
-    return (result * R1) % m;
+    std::vector<u64> one(s, 0);
+    one[0] = 1;
+    mulReduce(acc.data(), acc.data(), one.data());  // out of Montgomery form
+    vlong result;
+    fromWords(*result.value, acc.data(), s);
+    std::memset(table.data(), 0, table.size() * sizeof(u64));
+    return result;
 }
 
 vlong modexp(const vlong& x, const vlong& e, const vlong& m) {

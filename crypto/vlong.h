@@ -120,7 +120,12 @@ private:
     // stays in; the results are those of mul on vlong values.
     void mulWords(unsigned long long* out, const unsigned long long* a,
                   const unsigned long long* b);
-    bool fast_;       // odd m above 1: the word path is usable
-    unsigned limbs_;  // 64-bit words of a value below R
+    // Montgomery product with R' = 2^(64 limbs_) and word-by-word reduction,
+    // for exp alone: its final result does not depend on the choice of R.
+    void mulReduce(unsigned long long* out, const unsigned long long* a,
+                   const unsigned long long* b);
+    unsigned long long m0inv_ = 0;  // -m^-1 mod 2^64
+    bool fast_;                     // odd m above 1: the word path is usable
+    unsigned limbs_;                // 64-bit words of a value below R
     std::vector<unsigned long long> mw_, n1w_, work_;
 };
