@@ -321,6 +321,16 @@ uint32_t macStep(qnCryptoContext* c, const unsigned char* data, int length, bool
     return rv;
 }
 
+// Clears what identifies a context; a hash never reads chain or block, so
+// these are left for qnCryptoFree to wipe.
+void resetFields(qnCryptoContext* ctx) {
+    ctx->finalize = nullptr;
+    ctx->algorithm = nullptr;
+    ctx->process = nullptr;
+    ctx->direction = 0;
+    ctx->position = ctx->blockSize = ctx->digestSize = ctx->keySize = 0;
+}
+
 }  // namespace
 
 extern "C" {
@@ -397,7 +407,7 @@ uint32_t qnCryptoAlgDES3_Lite(qnCryptoContext* ctx, uint32_t direction, const un
 
 uint32_t qnCryptoHashInit(qnCryptoContext* ctx, qnCryptoAlgorithm algorithm) {
     if (ctx == nullptr || algorithm == nullptr) return fail(QN_CRYPTO_E_ARGUMENT);
-    std::memset(ctx, 0, sizeof *ctx);
+    resetFields(ctx);
     algorithm(ctx, 0, nullptr, 0);
     if (ctx->blockSize != 0 || ctx->keySize != 0 || ctx->digestSize == 0 || ctx->process == nullptr)
         return fail(QN_CRYPTO_E_ARGUMENT);

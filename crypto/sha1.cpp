@@ -64,8 +64,18 @@ void SHA1_Update(SHAstate_st* c, unsigned char* data, unsigned long length) {
     c->Nl = low;
 
     while (length > 0 && c->num != 0) {
-        putByte(c, *data++);
-        --length;
+        if (c->num % 4 == 0 && length >= 4) {
+            // A whole word at once.
+            c->data[c->num / 4] = static_cast<unsigned long>(data[0]) << 24 |
+                                  static_cast<unsigned long>(data[1]) << 16 |
+                                  static_cast<unsigned long>(data[2]) << 8 | data[3];
+            c->num += 4;
+            data += 4;
+            length -= 4;
+        } else {
+            putByte(c, *data++);
+            --length;
+        }
         if (c->num == 64) {
             unsigned char block[64];
             bufferBytes(c, block);
@@ -74,6 +84,12 @@ void SHA1_Update(SHAstate_st* c, unsigned char* data, unsigned long length) {
         }
     }
     for (; length >= 64; length -= 64, data += 64) compress(c, data);
+    for (; length >= 4; length -= 4, data += 4) {
+        c->data[c->num / 4] = static_cast<unsigned long>(data[0]) << 24 |
+                              static_cast<unsigned long>(data[1]) << 16 |
+                              static_cast<unsigned long>(data[2]) << 8 | data[3];
+        c->num += 4;
+    }
     while (length-- > 0) putByte(c, *data++);
 }
 
@@ -81,8 +97,9 @@ void SHA1_Transform(SHAstate_st* c, unsigned char* block) { compress(c, block); 
 
 void SHA1_Final(unsigned char* digest, SHAstate_st* c) {
     unsigned char block[64];
-    bufferBytes(c, block);
     int n = c->num;
+    for (int i = 0; i < n; ++i)
+        block[i] = static_cast<unsigned char>(c->data[i / 4] >> (24 - 8 * (i % 4)));
     block[n++] = 0x80;
     if (n > 56) {
         std::memset(block + n, 0, 64 - n);
