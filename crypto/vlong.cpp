@@ -635,28 +635,44 @@ void monty::mul(vlong& x, const vlong& y) {
 }
 
 void monty::mulReduce(u64* out, const u64* a, const u64* b) {
+    // Product scanning: column by column, the products of a * b and of q * m
+    // go into one 192-bit accumulator, and q is chosen so that each of the
+    // low s columns comes out zero.
     const unsigned s = limbs_;
-    u64* T2 = work_.data();  // 2s + 1 words
-    if (a == b)
-        sqrWords(T2, a, s);
-    else
-        mulWordsTrunc(T2, 2 * s, a, s, b, s);
-    T2[2 * s] = 0;
+    const u64* mm = mw_.data();
+    u64* q = work_.data();  // s words
+    u64* Y = q + s;         // s + 1 words
+    u128 acc = 0;
+    u64 hi = 0;
+    auto mac = [&acc, &hi](u64 x, u64 y) {
+        const u128 p = static_cast<u128>(x) * y;
+        acc += p;
+        hi += acc < p ? 1 : 0;
+    };
+    auto shift = [&acc, &hi]() {
+        acc = (acc >> 64) | (static_cast<u128>(hi) << 64);
+        hi = 0;
+    };
     for (unsigned i = 0; i < s; ++i) {
-        const u64 q = T2[i] * m0inv_;
-        u64 carry = 0;
-        for (unsigned j = 0; j < s; ++j) {
-            const u128 t = static_cast<u128>(q) * mw_[j] + T2[i + j] + carry;
-            T2[i + j] = static_cast<u64>(t);
-            carry = static_cast<u64>(t >> 64);
+        for (unsigned j = 0; j < i; ++j) {
+            mac(a[j], b[i - j]);
+            mac(q[j], mm[i - j]);
         }
-        for (unsigned k = i + s; carry != 0 && k <= 2 * s; ++k) {
-            T2[k] += carry;
-            carry = T2[k] < carry ? 1 : 0;
-        }
+        mac(a[i], b[0]);
+        q[i] = static_cast<u64>(acc) * m0inv_;
+        mac(q[i], mm[0]);
+        shift();
     }
-    // T2[s..2s] is below 2m: subtract m once if needed.
-    const u64* Y = T2 + s;
+    for (unsigned i = s; i < 2 * s; ++i) {
+        for (unsigned j = i - s + 1; j < s; ++j) {
+            mac(a[j], b[i - j]);
+            mac(q[j], mm[i - j]);
+        }
+        Y[i - s] = static_cast<u64>(acc);
+        shift();
+    }
+    Y[s] = static_cast<u64>(acc);
+    // Y is below 2m: subtract m once if needed.
     bool geq = Y[s] != 0;
     if (!geq) {
         geq = true;
