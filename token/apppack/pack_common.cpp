@@ -17,6 +17,8 @@ TBytes CPackCommon::keyGet(unsigned long index) {
 void CPackCommon::keyClear() { keys.clear(); }
 
 void CPackCommon::keySet(unsigned long index, TBytes key) {
+    // index + 1 must not wrap to 0 and leave the slot unallocated.
+    if (index >= keys.max_size()) APDU_RAISE(0x6B00);
     if (keys.size() < index + 1) keys.resize(index + 1);
     keys[index] = std::move(key);
 }

@@ -58,6 +58,12 @@ TEST(PackKeys, EmptyKeyGrowsTheTableButStaysUnset) {
     EXPECT_EQ(pack.keyGet(5), TBytes{3}) << "replaced in place";
 }
 
+TEST(PackKeys, AnIndexThatCannotBeStoredIsRefused) {
+    CPackGost pack(nullptr);
+    EXPECT_EQ(raisedCode([&] { pack.keySet(~0ul, {1}); }), 0x86E06B00L);
+    EXPECT_EQ(raisedCode([&] { pack.keyGet(~0ul); }), kNotSet);
+}
+
 TEST(PackKeys, KeyGetReturnsACopy) {
     CPackGost pack(nullptr);
     pack.keySet(0, {1, 2});
