@@ -164,12 +164,13 @@ bool VpcdLink::dial() {
 
 void VpcdLink::hangUp() {
     if (socket_ < 0) return;
+    // Leaving the reader takes the power away; before the close, so that
+    // whoever sees the connection end sees a card without power.
+    card_.powerOff();
     ::close(socket_);
     socket_ = -1;
     connected_ = false;
     decoder_ = vpcd::FrameDecoder{};
-    // Leaving the reader takes the power away.
-    card_.powerOff();
     if (log_) std::fprintf(log_, "disconnected\n");
 }
 
