@@ -176,3 +176,52 @@ TEST(HarnessFaults, ExclusiveHoldKeepsOtherClientsOut) {
 }
 
 }  // namespace
+
+namespace {
+
+using namespace krfs::harness;
+
+// Runs krfs-vtoken to its end; returns its output, or fails if it is still
+// running at the deadline or its exit status differs.
+std::string runVtoken(const std::vector<std::string>& args, int expectedStatus) {
+    TempDir dir("krfs-cli");
+    std::vector<std::string> argv{KRFS_VTOKEN_PATH};
+    argv.insert(argv.end(), args.begin(), args.end());
+    ChildProcess program(argv, dir.file("out"));
+    EXPECT_TRUE(program.waitExit()) << "still running";
+    EXPECT_TRUE(program.exitedWith(expectedStatus))
+        << "wait status " << program.waitStatus() << ", expected exit " << expectedStatus;
+    return program.log();
+}
+
+TEST(KrfsVtokenProgram, HelpDescribesTheRuntimeControls) {
+    std::string help = runVtoken({"--help"}, 0);
+    EXPECT_NE(help.find("serve"), std::string::npos);
+    EXPECT_NE(help.find("SIGUSR1"), std::string::npos);
+    EXPECT_NE(help.find("SIGUSR2"), std::string::npos);
+    EXPECT_EQ(runVtoken({"serve", "--help"}, 0), help);
+}
+
+TEST(KrfsVtokenProgram, BadArgumentsAreUsageErrors) {
+    EXPECT_NE(runVtoken({}, 2).find("no command"), std::string::npos);
+    EXPECT_NE(runVtoken({"dance"}, 2).find("unknown command"), std::string::npos);
+    EXPECT_NE(runVtoken({"serve"}, 2).find("--atr"), std::string::npos);
+    EXPECT_NE(runVtoken({"serve", "--atr", "3B8"}, 2).find("odd"), std::string::npos);
+    EXPECT_NE(runVtoken({"serve", "--atr", "3B"}, 2).find("2 to 33"), std::string::npos);
+    EXPECT_NE(runVtoken({"serve", "--atr", "3B00", "--port", "70000"}, 2).find("port"),
+              std::string::npos);
+    EXPECT_NE(runVtoken({"serve", "--atr", "3B00", "--loud"}, 2).find("--loud"), std::string::npos);
+    EXPECT_NE(runVtoken({"serve", "--atr", "3B00", "--port"}, 2).find("needs a value"),
+              std::string::npos);
+
+    TempDir dir("krfs-cli");
+    writeFile(dir.file("script"), "00 A4 00 00 -> 90 00\n00 A4 00 00 => 90 00\n");
+    EXPECT_NE(runVtoken({"serve", "--atr", "3B00", "--script", dir.file("script")}, 2)
+                  .find("script line 2"),
+              std::string::npos);
+    EXPECT_NE(
+        runVtoken({"serve", "--atr", "3B00", "--script", dir.file("none")}, 2).find("cannot read"),
+        std::string::npos);
+}
+
+}  // namespace

@@ -88,6 +88,10 @@ bool ChildProcess::running() {
     return false;
 }
 
+bool ChildProcess::exitedWith(int code) const {
+    return pid_ < 0 && WIFEXITED(status_) && WEXITSTATUS(status_) == code;
+}
+
 void ChildProcess::signal(int sig) {
     if (pid_ < 0) throw std::logic_error("signal to a child that has ended");
     ::kill(pid_, sig);

@@ -49,6 +49,10 @@ public:
     // The exit status as waitpid reports it; valid once running() is false.
     int waitStatus() const { return status_; }
     void signal(int sig);
+    // Waits for it to end by itself; false if it is still running at the deadline.
+    bool waitExit(milliseconds deadline = kDeadline) { return reapWithin(deadline); }
+    // True if it ended with exit status `code`.
+    bool exitedWith(int code) const;
     // SIGTERM, then SIGKILL if it is still there after `grace`; reaps it.
     // Returns true if it ended within the grace period.
     bool stop(milliseconds grace = milliseconds{3000});

@@ -49,7 +49,11 @@ VToken::VToken(const Pcscd& pcscd, int slot, VTokenOptions options, milliseconds
 }
 
 VToken::~VToken() {
-    process_->stop();
+    // A card that crashes, leaks under the sanitizers or ignores SIGTERM
+    // fails the test that used it.
+    bool graceful = process_->stop();
+    if (!graceful || !process_->exitedWith(0))
+        ADD_FAILURE() << "krfs-vtoken in \"" << reader_ << "\" did not exit cleanly on SIGTERM";
     if (::testing::Test::HasFailure())
         std::cerr << "---- krfs-vtoken log (" << reader_ << ") ----\n" << log() << "----\n";
 }
