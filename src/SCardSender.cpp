@@ -69,7 +69,10 @@ void CSCardSender::send(const TBytes& command, TBytes& response) {
                             static_cast<DWORD>(command.size()), nullptr, response.data(), &length);
     if (LoggingEnabled()) LogAPDU("C-APDU", command);
     if (HandleSCardErrors(rc) != 0) {
-        // The retry goes out with the length as the first attempt left it.
+        // pcsc-lite zeroes the length of a failed transmission, and a retry
+        // with no room for the answer could never succeed: give it the whole
+        // buffer again.
+        length = static_cast<DWORD>(response.size());
         pci = protocol == SCARD_PROTOCOL_T0 ? SCARD_PCI_T0 : SCARD_PCI_T1;
         rc = SCardTransmit(static_cast<SCARDHANDLE>(card), pci, command.data(),
                            static_cast<DWORD>(command.size()), nullptr, response.data(), &length);
