@@ -369,18 +369,27 @@ TEST_F(ProFs, ListFailsWholeOnAFailingWordInALaterRound) {
     EXPECT_EQ(failureCode([&] { fs->list(1); }), code(0x6A82));
 }
 
-TEST_F(ProFs, ListStopsOnceMoreThan255EntriesAreHeld) {
+TEST_F(ProFs, ListAsksAgainAt255AndStopsPastIt) {
     install();
     selected("00 A4 08 00 02 66 66 00", fcp("82 01 38"));
-    // 42 entries fill one answer; the seventh brings the count past 0xFF.
-    std::string many;
-    for (unsigned i = 0; i < 42; ++i) many += entries({i + 1});
-    for (unsigned p2 : {0u, 42u, 84u, 126u, 168u, 210u, 252u}) {
+    // 51 entries of one-byte identifiers fill an answer: five rounds hold
+    // exactly 0xFF, which still asks once more.
+    std::string full;
+    for (unsigned i = 0; i < 51; ++i) {
+        char entry[24];
+        std::snprintf(entry, sizeof entry, "6F 03 86 01 %02X ", i);
+        full += entry;
+    }
+    for (unsigned p2 : {0u, 51u, 102u, 153u, 204u}) {
         char command[32];
         std::snprintf(command, sizeof command, "80 16 01 %02X 00", p2);
-        sender.expect(command, ok(many));
+        sender.expect(command, ok(full));
     }
-    EXPECT_EQ(fs->list(1).size(), 294u);
+    sender.expect("80 16 01 FF 00", ok(entries({0x0100, 0x0101, 0x0102})));
+    const TPath found = fs->list(1);
+    ASSERT_EQ(found.size(), 258u);
+    EXPECT_EQ(found[254], 50u);
+    EXPECT_EQ(found[257], 0x0102u);
 }
 
 // ---- read and update ----
