@@ -98,6 +98,42 @@ long KRTokenModelGet(struct __tag_HToken* h, char* buffer, DWORD* size);
 long KRTokenMaxPinGet(struct __tag_HToken* h, DWORD* length);
 long KRTokenMinPinGet(struct __tag_HToken* h, DWORD* length);
 
+/* ---- Directories -------------------------------------------------------- */
+
+/* Opens the home directory of a vendor, creating it on first use. */
+long KRRootDirOpen(struct __tag_HDir** out, struct __tag_HToken* h, WORD vendor);
+/* Creates or opens a sub-directory; only the low 16 bits of `id` count. */
+long KRDirCreate(struct __tag_HDir** out, DWORD id, struct __tag_HDir* parent);
+long KRDirOpen(struct __tag_HDir** out, DWORD id, struct __tag_HDir* parent);
+long KRDirGetInfo(struct __tag_HDir* h, __tag_DirInfo* info);
+/* Deletes the directory on the token; the handle stays open. */
+long KRDirDelete(struct __tag_HDir* h);
+long KRDirClose(struct __tag_HDir* h);
+/* Enumerates sub-directories; past the last one 0x80070103. */
+long KRDirEnumOpen(struct __tag_HDirEnum** out, struct __tag_HDir* dir);
+long KRDirEnumNext(struct __tag_HDirEnum* h, __tag_DirInfo* info);
+long KRDirEnumClose(struct __tag_HDirEnum* h);
+/* Enumerates files; past the last one 0x80070103. */
+long KRFilesEnumOpen(struct __tag_HFilesEnum** out, struct __tag_HDir* dir);
+long KRFilesEnumNext(struct __tag_HFilesEnum* h, __tag_FileInfo* info);
+long KRFilesEnumClose(struct __tag_HFilesEnum* h);
+
+/* ---- Files -------------------------------------------------------------- */
+
+long KRFileOpen(struct __tag_HFile** out, struct __tag_HDir* dir, WORD id);
+/* Creates a file of `size` bytes; `isPrivate` non-zero guards it by the PIN. */
+long KRFileCreate(struct __tag_HFile** out, struct __tag_HDir* dir, WORD id, WORD size,
+                  short isPrivate);
+/* Reads `length` bytes at `offset`; a range outside the file or a small
+ * buffer: 0x80000003. */
+long KRFileRead(struct __tag_HFile* h, WORD offset, WORD length, unsigned char* buffer,
+                DWORD bufferSize);
+long KRFileWrite(struct __tag_HFile* h, WORD offset, const unsigned char* data, WORD length);
+/* Deletes the file on the token; the handle stays open. */
+long KRFileDelete(struct __tag_HFile* h);
+long KRFileGetInfo(struct __tag_HFile* h, __tag_FileInfo* info);
+long KRFileClose(struct __tag_HFile* h);
+
 /* ---- APDU log ----------------------------------------------------------- */
 
 /* Appends every APDU to the file at `path` ("C-APDU: 00 A4 ..."). PINs are
@@ -123,6 +159,30 @@ long QNTokenLabelGet(struct __tag_HToken* h, char* buffer, DWORD* size);
 long QNTokenIDGet(struct __tag_HToken* h, char* buffer, DWORD* size);
 long QNTokenMaxPinGet(struct __tag_HToken* h, DWORD* length);
 long QNTokenMinPinGet(struct __tag_HToken* h, DWORD* length);
+
+long QNRootDirOpen(struct __tag_HDir** out, struct __tag_HToken* h, WORD vendor);
+/* The fourth argument is read and discarded. */
+long QNDirCreate(struct __tag_HDir** out, DWORD id, struct __tag_HDir* parent, WORD unused);
+long QNDirOpen(struct __tag_HDir** out, DWORD id, struct __tag_HDir* parent);
+/* Writes the record whatever the result: zeros on failure and at the end. */
+long QNDirGetInfo(struct __tag_HDir* h, QNDirInfo* info);
+long QNDirDelete(struct __tag_HDir* h);
+long QNDirClose(struct __tag_HDir* h);
+long QNDirEnumOpen(struct __tag_HDirEnum** out, struct __tag_HDir* dir);
+long QNDirEnumNext(struct __tag_HDirEnum* h, QNDirInfo* info);
+long QNDirEnumClose(struct __tag_HDirEnum* h);
+long QNFilesEnumOpen(struct __tag_HFilesEnum** out, struct __tag_HDir* dir);
+long QNFilesEnumNext(struct __tag_HFilesEnum* h, __tag_FileInfo* info);
+long QNFilesEnumClose(struct __tag_HFilesEnum* h);
+long QNFileOpen(struct __tag_HFile** out, struct __tag_HDir* dir, WORD id);
+long QNFileCreate(struct __tag_HFile** out, struct __tag_HDir* dir, WORD id, WORD size,
+                  short isPrivate);
+long QNFileRead(struct __tag_HFile* h, WORD offset, WORD length, unsigned char* buffer,
+                DWORD bufferSize);
+long QNFileWrite(struct __tag_HFile* h, WORD offset, const unsigned char* data, WORD length);
+long QNFileDelete(struct __tag_HFile* h);
+long QNFileGetInfo(struct __tag_HFile* h, __tag_FileInfo* info);
+long QNFileClose(struct __tag_HFile* h);
 
 #ifdef __cplusplus
 }

@@ -2,6 +2,9 @@
 
 #include "libapdu/exception.h"
 #include "libapdu/token_type.h"
+#include "token/appfs/fs_pro.h"
+#include "token/appinfo/info_pro.h"
+#include "token/apppin/pin_pro.h"
 
 namespace libapdu {
 
@@ -21,6 +24,14 @@ CAppletPro::CAppletPro(ISender* s) : IApplet(s) {
     const TTokenType& type = TTokenType::fromAtr(sender()->atr());
     if (!isPro(type)) APDU_RAISE(0xFACE);
     error_.reset(new CErrorPro);
+    info_.reset(new CInfoPro(this));
+    if (&type == &TTokenType::TVandrelPro16 || &type == &TTokenType::TVandrelPro32) {
+        fs_.reset(new CFSPro(this));
+        pin_.reset(new CPinPro(this));
+    } else {
+        fs_.reset(new CFSPro4(this));
+        pin_.reset(new CPinPro4(this));
+    }
 }
 
 void CAppletPro::init() {
@@ -36,7 +47,14 @@ void CAppletPro::init() {
         checkSW(r);
     }
     info()->isFips();
-    info()->isFips();  // asked twice; the second answer counts
+    const bool fips = info()->isFips();  // asked twice; the second answer counts
+    installCrypto(fips);
+}
+
+void CAppletPro::installCrypto(bool /*fips*/) {
+    // Every initialised Pro token gets a Pro4-generation crypto driver, the
+    // FIPS one on a FIPS token. Until those drivers exist the slot keeps its
+    // stub, which answers 0xFACE.
 }
 
 bool CAppletPro::checkIfExist(ISender* s) { return isPro(TTokenType::fromAtr(s->atr())); }

@@ -12,6 +12,9 @@ public:
     void init() override;
     static bool checkIfExist(ISender* sender);
 
+private:
+    void installCrypto(bool fips);
+
     static const TPath kPathHome;  // 3F00 6666
     static const TPath kPathRoot;  // 3F00
 };

@@ -2,10 +2,14 @@
 
 #include "libapdu/exception.h"
 #include "libapdu/token_type.h"
+#include "token/appinfo/info_r2.h"
 
 namespace libapdu {
 
-CAppletR2::CAppletR2(ISender* s) : IApplet(s) { error_.reset(new CErrorR2); }
+CAppletR2::CAppletR2(ISender* s) : IApplet(s) {
+    error_.reset(new CErrorR2);
+    info_.reset(new CInfoR2(this));
+}
 
 void CAppletR2::init() {
     if (&TTokenType::fromAtr(sender()->atr()) != &TTokenType::TVandrelR2) APDU_RAISE(0xFACE);

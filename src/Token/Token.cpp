@@ -1,7 +1,5 @@
 #include "Token.h"
 
-#include <errno.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -9,25 +7,11 @@
 #include <string>
 
 #include "conv.h"
+#include "src/krfs/assert.h"
 #include "src/Readers/Readers.h"
 #include "src/SCardSender.h"
 
-namespace {
-
-// The standard assertion message, then abort: live in every build.
-[[noreturn]] void assertionFailed(const char* text, const char* file, unsigned line,
-                                  const char* signature) {
-    std::fprintf(stderr, "%s: %s:%u: %s: Assertion `%s' failed.\n", program_invocation_short_name,
-                 file, line, signature, text);
-    std::fflush(stderr);
-    std::abort();
-}
-
-}  // namespace
-
-// The lock rule is a programming rule: breaking it aborts the process.
-#define TOKEN_ASSERT(cond, text, signature) \
-    ((cond) ? (void)0 : assertionFailed(text, __FILE__, __LINE__, signature))
+#define TOKEN_ASSERT KRFS_ASSERT
 #define ASSERT_LOCKED(sig) TOKEN_ASSERT(IsLocked(), "IsLocked ()", sig)
 #define ASSERT_UNLOCKED(sig) TOKEN_ASSERT(!IsLocked(), "!IsLocked ()", sig)
 #define ASSERT_BOUND(sig) TOKEN_ASSERT(IsBound(), "IsBound ()", sig)

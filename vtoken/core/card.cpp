@@ -1,0 +1,7 @@
+#include "core/card.h"
+
+namespace vtoken {
+
+ICard::~ICard() = default;
+
+}  // namespace vtoken
