@@ -1,14 +1,7 @@
 #include "token/appfs/fs_pro.h"
 
-#include <cstdlib>
-#include <ctime>
-
-#include "libapdu/exception.h"
-
-#if __has_include("crypto/token_crypto.h")
 #include "crypto/token_crypto.h"
-#define KRFS_HAVE_CRYPTO_RANDOM 1
-#endif
+#include "libapdu/exception.h"
 
 namespace libapdu {
 
@@ -25,16 +18,6 @@ constexpr unsigned char kTagDescriptor = 0x82;
 constexpr unsigned char kTagAccess = 0x86;
 
 const TPath kMarkerFile = {kMasterFile, kHome, 0x0001};
-
-void randomBytes(TBytes& out) {
-#ifdef KRFS_HAVE_CRYPTO_RANDOM
-    crypto_random(out.data(), out.size());
-#else
-    // Interim: the same clock-seeded rand() bytes that crypto_random gives.
-    std::srand(static_cast<unsigned>(std::time(nullptr)));
-    for (auto& b : out) b = static_cast<unsigned char>(std::rand() & 0xFF);
-#endif
-}
 
 std::size_t dataLength(const TBytes& response) {
     return response.size() >= 2 ? response.size() - 2 : 0;
@@ -228,7 +211,7 @@ void CFSPro::write_bit(const TBytes& data, WORD offset) {
 void CFSPro::volatile_update() {
     try {
         TBytes marker(16);
-        randomBytes(marker);
+        crypto_random(marker.data(), marker.size());
         select(kMarkerFile);
         write(marker, 0);
     } catch (const IException&) {
