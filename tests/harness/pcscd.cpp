@@ -31,7 +31,7 @@ std::string pcscdProgram() {
 std::string readerConf(int channels) {
     std::string conf;
     for (int c = 0; c < channels; ++c) {
-        char port[8];
+        char port[16];
         std::snprintf(port, sizeof port, "0x%04X", kFirstPort + Pcscd::kSlots * c);
         conf += std::string("FRIENDLYNAME \"") + Pcscd::kReaderBase + "\"\n" +
                 "DEVICENAME   /dev/null:" + port + "\n" + "LIBPATH      " + kVpcdDriver + "\n" +
