@@ -186,7 +186,20 @@ bool VpcdLink::serveReadable() {
     decoder_.feed(buffer, static_cast<std::size_t>(n));
     while (auto payload = decoder_.next()) {
         log(">", *payload);
-        auto reply = vpcd::answer(card_, *payload, mute_);
+        std::optional<Bytes> reply;
+        try {
+            reply = vpcd::answer(card_, *payload, mute_);
+        } catch (const NoAnswer& e) {
+            if (log_) std::fprintf(log_, "no answer: %s\n", e.what());
+            if (e.why() == NoAnswer::Why::Gone) {
+                vanish();
+                hangUp();
+                return false;
+            }
+            // An empty frame: the reader driver sees no response bytes and
+            // fails the transmission, as with a card that never answered.
+            reply = Bytes{};
+        }
         if (!reply) continue;
         log("<", *reply);
         if (!sendAll(socket_, vpcd::frame(*reply))) {

@@ -40,7 +40,7 @@ private:
 constexpr std::size_t kMuteAtrLength = 34;
 
 // What the card answers to one payload from vpcd; nothing for contact
-// events other than the ATR request.
+// events other than the ATR request. A card's NoAnswer passes through.
 std::optional<Bytes> answer(ICard& card, const Bytes& payload, bool mute);
 
 }  // namespace vpcd
