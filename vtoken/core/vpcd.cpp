@@ -70,6 +70,8 @@ namespace {
 
 // How often to dial while the port is not up yet.
 constexpr int kRedialMs = 50;
+// pcscd polls a reader for its card every 400 ms.
+constexpr std::chrono::milliseconds kMuteAbsence{1200};
 
 [[noreturn]] void raiseErrno(const char* what) {
     throw std::system_error(errno, std::generic_category(), what);
@@ -112,6 +114,14 @@ void VpcdLink::wake() {
 
 void VpcdLink::run() {
     while (!stop_) {
+        if (backAt_ && std::chrono::steady_clock::now() >= *backAt_) {
+            backAt_.reset();
+            present_ = true;
+        }
+        if (backAt_) {
+            waitReadable(kRedialMs);
+            continue;
+        }
         if (present_ && socket_ < 0 && !dial()) {
             waitReadable(kRedialMs);
             continue;
@@ -191,14 +201,19 @@ bool VpcdLink::serveReadable() {
             reply = vpcd::answer(card_, *payload, mute_);
         } catch (const NoAnswer& e) {
             if (log_) std::fprintf(log_, "no answer: %s\n", e.what());
-            if (e.why() == NoAnswer::Why::Gone) {
-                vanish();
-                hangUp();
-                return false;
+            // vpcd waits for an answer without a timeout, so a card that keeps
+            // silent on the line would hold pcscd forever. Instead the card
+            // drops the line (the pending transmission ends with no bytes)
+            // and, if it went mute, comes back unable to power up, as pcscd
+            // sees a card that stopped answering.
+            if (e.why() == NoAnswer::Why::Mute) {
+                mute_ = true;
+                // Away long enough for pcscd's presence poll to notice.
+                backAt_ = std::chrono::steady_clock::now() + kMuteAbsence;
             }
-            // An empty frame: the reader driver sees no response bytes and
-            // fails the transmission, as with a card that never answered.
-            reply = Bytes{};
+            present_ = false;
+            hangUp();
+            return false;
         }
         if (!reply) continue;
         log("<", *reply);

@@ -6,6 +6,7 @@
 #include "core/card.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <optional>
@@ -94,6 +95,8 @@ private:
     std::atomic<bool> connected_{false};
     std::FILE* log_ = nullptr;
     vpcd::FrameDecoder decoder_;
+    // When a card that went mute shows up again (run's thread only).
+    std::optional<std::chrono::steady_clock::time_point> backAt_;
 };
 
 }  // namespace vtoken
