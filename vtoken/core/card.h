@@ -31,6 +31,10 @@ public:
     // One command APDU in, one response APDU (data and status word) out.
     virtual Bytes process(const Bytes& command) = 0;
 
+    // Whether the card sends its status words low byte first, as the R2
+    // dialect does.
+    virtual bool statusLowByteFirst() const { return false; }
+
     // The reader driver's control channel, for tokens whose reader answers
     // vendor control codes. Nothing: the reader does not know the code.
     virtual std::optional<Bytes> control(unsigned int code, const Bytes& input);

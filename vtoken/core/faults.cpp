@@ -58,7 +58,11 @@ Bytes FaultyCard::process(const Bytes& command) {
         throw NoAnswer(NoAnswer::Why::Mute);
     ++sincePowerUp_;
     for (const auto& r : faults_.refuse)
-        if (startsWith(command, r.prefix)) return respond(r.status);
+        if (startsWith(command, r.prefix)) {
+            Bytes answer = respond(r.status);
+            if (card_.statusLowByteFirst()) std::swap(answer[0], answer[1]);
+            return answer;
+        }
     Bytes answer = card_.process(command);
     for (const auto& t : faults_.truncate)
         if (startsWith(command, t.prefix) && answer.size() > t.keep) answer.resize(t.keep);

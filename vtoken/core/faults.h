@@ -14,8 +14,8 @@
 namespace vtoken {
 
 struct Faults {
-    // Commands that begin with `prefix` get `status` and nothing else; the
-    // card does not act on them.
+    // Commands that begin with `prefix` get `status` and nothing else, in
+    // the card's byte order; the card does not act on them.
     struct Refusal {
         Bytes prefix;
         std::uint16_t status = 0;
@@ -50,6 +50,7 @@ public:
     FaultyCard(ICard& card, Faults faults) : card_(card), faults_(std::move(faults)) {}
 
     Bytes atr() const override { return card_.atr(); }
+    bool statusLowByteFirst() const override { return card_.statusLowByteFirst(); }
     Bytes process(const Bytes& command) override;
     std::optional<Bytes> control(unsigned int code, const Bytes& input) override {
         return card_.control(code, input);

@@ -39,6 +39,7 @@ public:
     explicit R2Card(R2State state) : state_(std::move(state)) {}
 
     Bytes atr() const override { return r2::atr(); }
+    bool statusLowByteFirst() const override { return true; }
     Bytes process(const Bytes& command) override;
 
     const R2State& state() const { return state_; }
