@@ -167,4 +167,47 @@ TEST(VTokenPro, VanishKnobTakesTheCardOutMidSession) {
     EXPECT_EQ(response, (Bytes{0x10, 0x90, 0x00})) << "the third command is answered";
 }
 
+std::string runVtoken(const std::vector<std::string>& args, int expectedStatus) {
+    TempDir dir("krfs-cli");
+    std::vector<std::string> argv{KRFS_VTOKEN_PATH};
+    argv.insert(argv.end(), args.begin(), args.end());
+    ChildProcess program(argv, dir.file("out"));
+    EXPECT_TRUE(program.waitExit()) << "still running";
+    EXPECT_TRUE(program.exitedWith(expectedStatus))
+        << "wait status " << program.waitStatus() << ", expected exit " << expectedStatus;
+    return program.log();
+}
+
+TEST(KrfsVtokenInit, MakesShowsAndRefusesTokens) {
+    TempDir dir("krfs-cli");
+    const std::string path = dir.file("t.json");
+    runVtoken({"init", "--state", path, "--model", "pro16", "--fips", "--label", "shown", "--id",
+               "0A0B0C0D"},
+              0);
+    const std::string shown = runVtoken({"show", "--state", path}, 0);
+    for (const char* text : {"model pro16, FIPS", "0A 0B 0C 0D", "label       \"shown\"", "5000/",
+                             "PIN 11 user", "000F   file 43 bytes"})
+        EXPECT_NE(shown.find(text), std::string::npos) << text << " in\n" << shown;
+    EXPECT_EQ(readState(path)["model"], "pro16");
+
+    EXPECT_NE(runVtoken({"init", "--state", path}, 1).find("exists"), std::string::npos);
+    EXPECT_NE(runVtoken({"init", "--state", path, "--model", "pro99"}, 2).find("model"),
+              std::string::npos);
+    EXPECT_NE(runVtoken({"init", "--state", path, "--force", "--label", std::string(33, 'x')}, 2)
+                  .find("32 bytes"),
+              std::string::npos);
+    EXPECT_NE(runVtoken({"init", "--state", path, "--force", "--fips", "--admin-pin", "1"}, 2)
+                  .find("administrator"),
+              std::string::npos);
+    EXPECT_NE(runVtoken({"init", "--state", path, "--dialect", "r2", "--fips"}, 2).find("R2"),
+              std::string::npos);
+    EXPECT_NE(runVtoken({"init", "--model", "pro42"}, 2).find("--state"), std::string::npos);
+    EXPECT_NE(runVtoken({"show", "--state", dir.file("none")}, 1).find("cannot read"),
+              std::string::npos);
+    EXPECT_NE(runVtoken({"serve", "--state", path, "--atr", "3B00"}, 2).find("not both"),
+              std::string::npos);
+    EXPECT_NE(runVtoken({"serve", "--state", path, "--refuse", "B0=6A82"}, 2).find("CLA and INS"),
+              std::string::npos);
+}
+
 }  // namespace
