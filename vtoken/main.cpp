@@ -1,6 +1,11 @@
-// krfs-vtoken: a virtual token attached to a vpcd reader slot.
+// krfs-vtoken: virtual tokens for krFS. Makes a token's state file, shows it,
+// and attaches a token to a vpcd reader slot.
+#include "core/faults.h"
 #include "core/script_card.h"
 #include "core/vpcd.h"
+#include "persist/token_file.h"
+#include "pro/pro_state.h"
+#include "r2/r2_card.h"
 
 #include <signal.h>
 
@@ -8,6 +13,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,24 +24,67 @@ const char kUsage[] =
     "usage: krfs-vtoken <command> [options]\n"
     "\n"
     "commands:\n"
+    "  init     make a token and write its state file\n"
     "  serve    attach a card to a vpcd reader slot and answer it until stopped\n"
+    "  show     print a token's state: identity, file tree, access, PIN objects\n"
     "  help     show this text\n"
+    "\n"
+    "init options:\n"
+    "  --state FILE      where the token is kept (required); an existing file\n"
+    "                    is replaced only with --force\n"
+    "  --dialect D       pro (default) or r2\n"
+    "  --model M         pro16, pro32, pro42 (default) or pro42b\n"
+    "  --fips            FIPS layout: home 3F00 6666 5000, no administrator PIN\n"
+    "  --label TEXT      token label, UTF-8, at most 32 bytes\n"
+    "  --user-pin PIN    default 1234567890\n"
+    "  --admin-pin PIN   default: the user PIN (not with --fips)\n"
+    "  --id HEX          4-byte identifier; default random\n"
+    "  --colour N        colour code 0 to 255 (default 0)\n"
+    "  --life-cycle HEX  the life cycle byte (default 10)\n"
+    "  --force           replace an existing state file\n"
+    "  An R2 token takes --id and --colour only.\n"
     "\n"
     "serve options:\n"
     "  --port N       vpcd port of the slot (default 35963, the first slot;\n"
     "                 the second slot of a reader is the next port)\n"
     "  --host H       where vpcd listens (default 127.0.0.1)\n"
-    "  --atr HEX      the card's answer to reset (required)\n"
-    "  --script FILE  command/response transcript; without one every\n"
-    "                 command gets 6D 00\n"
+    "  --state FILE   serve the token kept in FILE; every change the card\n"
+    "                 makes is written back at once\n"
+    "  --atr HEX      instead of --state: a scripted card with this answer to\n"
+    "                 reset\n"
+    "  --script FILE  with --atr: command/response transcript; without one\n"
+    "                 every command gets 6D 00\n"
     "  --mute         start mute: present in the reader, but never powers up\n"
     "  --verbose      log contact events and APDUs to stderr\n"
+    "\n"
+    "fault knobs of serve (added to those of the state file):\n"
+    "  --refuse PREFIX=SW      commands beginning with the hex PREFIX (at least\n"
+    "                          CLA INS) get the status word SW and no action,\n"
+    "                          e.g. --refuse 00B0=6A82; repeatable\n"
+    "  --truncate PREFIX=N     answers to those commands keep their first N\n"
+    "                          bytes, status word included; repeatable\n"
+    "  --mute-after N          answer N commands after each power-up, then none\n"
+    "  --vanish-at N           leave the reader at the Nth command, unanswered\n"
+    "                          (SIGUSR2 brings the card back)\n"
+    "  --assume-verified ID    Pro: treat PIN ID (hex) as verified in every\n"
+    "                          session, without saving it; repeatable\n"
+    "\n"
+    "show options:\n"
+    "  --state FILE   the token to show\n"
     "\n"
     "script file, one item a line, '#' starts a comment:\n"
     "  order keyed | order ordered   keyed (default): any listed command, any\n"
     "                                time; ordered: each once, in turn\n"
     "  00 A4 04 00 02 3F 00 -> 90 00\n"
     "  An unlisted or out-of-turn command gets 6D 00.\n"
+    "\n"
+    "state file: JSON, one object; \"dialect\" is pro or r2. A Pro token keeps\n"
+    "its model, FIPS layout, identifier, life cycle byte, the PINs assumed\n"
+    "verified, its fault knobs (\"faults\": refuse, truncate, mute_after,\n"
+    "vanish_at) and the tree under \"mf\": each node with id, type (dir or\n"
+    "file), access bytes (00 free, FF never, else the PIN to verify; files:\n"
+    "read, update, delete, ...; directories: create, delete, ...), a file's\n"
+    "data and a directory's children and PIN objects.\n"
     "\n"
     "runtime control (signals):\n"
     "  SIGUSR1          vanish: drop the vpcd connection, as a card removal\n"
@@ -43,7 +93,8 @@ const char kUsage[] =
     "\n"
     "The card dials vpcd until the port is up, and again whenever vpcd drops\n"
     "the connection, unless it has vanished.\n"
-    "exit status: 0 stopped by signal, 1 runtime failure, 2 usage error\n";
+    "exit status: 0 done (serve: stopped by signal), 1 runtime failure,\n"
+    "2 usage error\n";
 
 vtoken::VpcdLink* g_link = nullptr;
 
@@ -67,59 +118,238 @@ int usageError(const std::string& what) {
     return 2;
 }
 
+int failure(const std::string& what) {
+    std::fprintf(stderr, "krfs-vtoken: %s\n", what.c_str());
+    return 1;
+}
+
+// Walks the options of one command. Each option either is a flag or takes
+// the next argument as its value.
+class Options {
+public:
+    explicit Options(const std::vector<std::string>& args) : args_(args) {}
+
+    bool next() { return ++i_ < args_.size(); }
+    const std::string& name() const { return args_[i_]; }
+    // The option's value; throws std::invalid_argument if there is none.
+    const std::string& value() {
+        if (i_ + 1 >= args_.size()) throw std::invalid_argument(name() + " needs a value");
+        return args_[++i_];
+    }
+
+private:
+    const std::vector<std::string>& args_;
+    std::size_t i_ = static_cast<std::size_t>(-1);
+};
+
+unsigned long number(const std::string& text, unsigned long max, const std::string& what) {
+    char* end = nullptr;
+    errno = 0;
+    unsigned long n = std::strtoul(text.c_str(), &end, 0);
+    if (text.empty() || *end != '\0' || errno != 0 || n > max || text[0] == '-')
+        throw std::invalid_argument("bad " + what + ": " + text);
+    return n;
+}
+
+unsigned char hexByte(const std::string& text, const std::string& what) {
+    vtoken::Bytes b = vtoken::fromHex(text);
+    if (b.size() != 1) throw std::invalid_argument(what + " is one hex byte: " + text);
+    return b[0];
+}
+
+int init(const std::vector<std::string>& args) {
+    std::string path, dialect = "pro";
+    bool force = false;
+    vtoken::pro::Personalisation p;
+    std::optional<unsigned char> lifeCycle;
+    bool proOnly = false;
+    try {
+        Options o(args);
+        while (o.next()) {
+            const std::string& a = o.name();
+            if (a == "--state") {
+                path = o.value();
+            } else if (a == "--dialect") {
+                dialect = o.value();
+            } else if (a == "--model") {
+                auto m = vtoken::pro::modelByName(o.value());
+                if (!m) throw std::invalid_argument("model: pro16, pro32, pro42 or pro42b");
+                p.model = *m;
+                proOnly = true;
+            } else if (a == "--fips") {
+                p.fips = proOnly = true;
+            } else if (a == "--label") {
+                p.label = o.value();
+                proOnly = true;
+            } else if (a == "--user-pin") {
+                p.userPin = o.value();
+                proOnly = true;
+            } else if (a == "--admin-pin") {
+                p.adminPin = o.value();
+                proOnly = true;
+            } else if (a == "--id") {
+                p.id = vtoken::fromHex(o.value());
+                if (p.id->size() != 4) throw std::invalid_argument("--id takes 4 bytes");
+            } else if (a == "--colour") {
+                p.colour = static_cast<unsigned char>(number(o.value(), 255, "colour"));
+            } else if (a == "--life-cycle") {
+                lifeCycle = hexByte(o.value(), "--life-cycle");
+                proOnly = true;
+            } else if (a == "--force") {
+                force = true;
+            } else {
+                throw std::invalid_argument("unknown option: " + a);
+            }
+        }
+        if (path.empty()) throw std::invalid_argument("init needs --state");
+        if (dialect != "pro" && dialect != "r2") throw std::invalid_argument("dialect: pro or r2");
+        if (dialect == "r2" && proOnly)
+            throw std::invalid_argument("an R2 token takes --id and --colour only");
+    } catch (const std::invalid_argument& e) {
+        return usageError(e.what());
+    }
+
+    std::string text;
+    if (dialect == "pro") {
+        try {
+            vtoken::pro::ProState state = vtoken::pro::personalise(p);
+            if (lifeCycle) state.lifeCycle = *lifeCycle;
+            text = vtoken::pro::toJsonText(state);
+        } catch (const std::invalid_argument& e) {
+            return usageError(e.what());
+        }
+    } else {
+        vtoken::r2::R2State state;
+        if (p.id) state.id = *p.id;
+        state.colour = p.colour;
+        text = vtoken::r2::toJsonText(state);
+    }
+    try {
+        vtoken::writeNewState(path, text, force);
+    } catch (const std::exception& e) {
+        return failure(e.what());
+    }
+    return 0;
+}
+
+int show(const std::vector<std::string>& args) {
+    std::string path;
+    try {
+        Options o(args);
+        while (o.next()) {
+            if (o.name() != "--state") throw std::invalid_argument("unknown option: " + o.name());
+            path = o.value();
+        }
+        if (path.empty()) throw std::invalid_argument("show needs --state");
+    } catch (const std::invalid_argument& e) {
+        return usageError(e.what());
+    }
+    try {
+        vtoken::StoredToken token(path);
+        std::fputs(token.describe().c_str(), stdout);
+    } catch (const std::exception& e) {
+        return failure(e.what());
+    }
+    return 0;
+}
+
 struct ServeOptions {
     std::string host = "127.0.0.1";
     unsigned long port = vtoken::vpcd::kDefaultPort;
     std::string atr;
     std::string script;
+    std::string state;
     bool mute = false;
     bool verbose = false;
+    vtoken::Faults faults;
+    std::vector<unsigned char> assumed;
 };
 
 int serve(const std::vector<std::string>& args) {
     ServeOptions options;
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        const std::string& a = args[i];
-        auto value = [&]() -> const std::string* {
-            return i + 1 < args.size() ? &args[++i] : nullptr;
-        };
-        if (a == "--mute") {
-            options.mute = true;
-        } else if (a == "--verbose") {
-            options.verbose = true;
-        } else if (a == "--port" || a == "--host" || a == "--atr" || a == "--script") {
-            const std::string* v = value();
-            if (!v) return usageError(a + " needs a value");
-            if (a == "--port") {
-                char* end = nullptr;
-                options.port = std::strtoul(v->c_str(), &end, 0);
-                if (v->empty() || *end != '\0' || options.port == 0 || options.port > 0xFFFF)
-                    return usageError("bad port: " + *v);
-            } else if (a == "--host") {
-                options.host = *v;
-            } else if (a == "--atr") {
-                options.atr = *v;
-            } else {
-                options.script = *v;
-            }
-        } else {
-            return usageError("unknown option: " + a);
-        }
-    }
-    if (options.atr.empty()) return usageError("serve needs --atr");
-
-    vtoken::Bytes atr;
-    vtoken::Script script;
     try {
-        atr = vtoken::fromHex(options.atr);
-        if (!options.script.empty()) script = vtoken::Script::load(options.script);
-    } catch (const std::exception& e) {
+        Options o(args);
+        while (o.next()) {
+            const std::string& a = o.name();
+            if (a == "--mute") {
+                options.mute = true;
+            } else if (a == "--verbose") {
+                options.verbose = true;
+            } else if (a == "--port") {
+                const std::string& v = o.value();
+                options.port = number(v, 0xFFFF, "port");
+                if (options.port == 0) throw std::invalid_argument("bad port: " + v);
+            } else if (a == "--host") {
+                options.host = o.value();
+            } else if (a == "--atr") {
+                options.atr = o.value();
+            } else if (a == "--script") {
+                options.script = o.value();
+            } else if (a == "--state") {
+                options.state = o.value();
+            } else if (a == "--refuse") {
+                options.faults.refuse.push_back(vtoken::Faults::parseRefusal(o.value()));
+            } else if (a == "--truncate") {
+                options.faults.truncate.push_back(vtoken::Faults::parseTruncation(o.value()));
+            } else if (a == "--mute-after") {
+                options.faults.muteAfter = number(o.value(), 1ul << 30, "--mute-after");
+            } else if (a == "--vanish-at") {
+                options.faults.vanishAt = number(o.value(), 1ul << 30, "--vanish-at");
+                if (*options.faults.vanishAt == 0)
+                    throw std::invalid_argument("--vanish-at counts from 1");
+            } else if (a == "--assume-verified") {
+                options.assumed.push_back(hexByte(o.value(), "--assume-verified"));
+            } else {
+                throw std::invalid_argument("unknown option: " + a);
+            }
+        }
+        if (options.state.empty() == options.atr.empty())
+            throw std::invalid_argument("serve needs --state or --atr, not both");
+        if (!options.state.empty() && !options.script.empty())
+            throw std::invalid_argument("--script goes with --atr");
+    } catch (const std::invalid_argument& e) {
         return usageError(e.what());
     }
-    if (atr.size() < 2 || atr.size() > 33) return usageError("an ATR has 2 to 33 bytes");
 
-    vtoken::ScriptCard card(std::move(atr), std::move(script));
+    std::unique_ptr<vtoken::StoredToken> stored;
+    std::unique_ptr<vtoken::ScriptCard> scripted;
+    vtoken::ICard* model = nullptr;
+    vtoken::Faults faults;
+    if (!options.state.empty()) {
+        try {
+            stored = std::make_unique<vtoken::StoredToken>(options.state);
+        } catch (const std::exception& e) {
+            return failure(e.what());
+        }
+        if (!options.assumed.empty()) {
+            if (!stored->pro()) return usageError("--assume-verified is for Pro tokens");
+            stored->pro()->setAssumedVerified(options.assumed);
+        }
+        model = &stored->card();
+        faults = stored->faults();
+    } else {
+        if (!options.assumed.empty()) return usageError("--assume-verified needs --state");
+        vtoken::Bytes atr;
+        vtoken::Script script;
+        try {
+            atr = vtoken::fromHex(options.atr);
+            if (!options.script.empty()) script = vtoken::Script::load(options.script);
+        } catch (const std::exception& e) {
+            return usageError(e.what());
+        }
+        if (atr.size() < 2 || atr.size() > 33) return usageError("an ATR has 2 to 33 bytes");
+        scripted = std::make_unique<vtoken::ScriptCard>(std::move(atr), std::move(script));
+        model = scripted.get();
+    }
+    const auto& extra = options.faults;
+    faults.refuse.insert(faults.refuse.end(), extra.refuse.begin(), extra.refuse.end());
+    faults.truncate.insert(faults.truncate.end(), extra.truncate.begin(), extra.truncate.end());
+    if (extra.muteAfter) faults.muteAfter = extra.muteAfter;
+    if (extra.vanishAt) faults.vanishAt = extra.vanishAt;
+
+    vtoken::FaultyCard card(*model, faults);
     vtoken::VpcdLink link(card, options.host, static_cast<std::uint16_t>(options.port));
+    card.setOnVanish([&link] { link.vanish(); });
     link.setMute(options.mute);
     if (options.verbose) link.setLog(stderr);
 
@@ -133,8 +363,7 @@ int serve(const std::vector<std::string>& args) {
     try {
         link.run();
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "krfs-vtoken: %s\n", e.what());
-        status = 1;
+        status = failure(e.what());
     }
     // Signals that come after the link is gone must not touch it.
     action.sa_handler = SIG_IGN;
@@ -156,13 +385,13 @@ int main(int argc, char** argv) {
         std::fputs(kUsage, stdout);
         return 0;
     }
-    if (command == "serve") {
-        for (const auto& a : args)
-            if (a == "--help" || a == "-h") {
-                std::fputs(kUsage, stdout);
-                return 0;
-            }
-        return serve(args);
-    }
+    for (const auto& a : args)
+        if (a == "--help" || a == "-h") {
+            std::fputs(kUsage, stdout);
+            return 0;
+        }
+    if (command == "serve") return serve(args);
+    if (command == "init") return init(args);
+    if (command == "show") return show(args);
     return usageError("unknown command: " + command);
 }

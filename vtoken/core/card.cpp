@@ -4,4 +4,6 @@ namespace vtoken {
 
 ICard::~ICard() = default;
 
+std::optional<Bytes> ICard::control(unsigned int, const Bytes&) { return std::nullopt; }
+
 }  // namespace vtoken

@@ -18,11 +18,20 @@ public:
 
 class CardSender : public libapdu::ISender {
 public:
+    // What a PC/SC sender raises when the card does not answer, as pcscd
+    // reports a transmission that the reader driver could not complete, and
+    // when the card has left the reader.
+    static constexpr long kNoAnswerCode = 0x80100016;  // SCARD_E_NOT_TRANSACTED
+    static constexpr long kRemovedCode = 0x80100069;   // SCARD_W_REMOVED_CARD
+
     // Powers the card on, as connecting to a reader does.
     explicit CardSender(ICard& card);
 
     void send(const TBytes& command, TBytes& response) override;
     TBytes atr() override;
+    // The card's reader answers the codes it knows; any other code fails as
+    // on a sender without a control channel.
+    void control(unsigned int code, const TBytes& input, TBytes& output) override;
 
     ICard& card() { return card_; }
 

@@ -70,6 +70,8 @@ namespace {
 
 // How often to dial while the port is not up yet.
 constexpr int kRedialMs = 50;
+// pcscd polls a reader for its card every 400 ms.
+constexpr std::chrono::milliseconds kMuteAbsence{1200};
 
 [[noreturn]] void raiseErrno(const char* what) {
     throw std::system_error(errno, std::generic_category(), what);
@@ -112,6 +114,14 @@ void VpcdLink::wake() {
 
 void VpcdLink::run() {
     while (!stop_) {
+        if (backAt_ && std::chrono::steady_clock::now() >= *backAt_) {
+            backAt_.reset();
+            present_ = true;
+        }
+        if (backAt_) {
+            waitReadable(kRedialMs);
+            continue;
+        }
         if (present_ && socket_ < 0 && !dial()) {
             waitReadable(kRedialMs);
             continue;
@@ -186,7 +196,25 @@ bool VpcdLink::serveReadable() {
     decoder_.feed(buffer, static_cast<std::size_t>(n));
     while (auto payload = decoder_.next()) {
         log(">", *payload);
-        auto reply = vpcd::answer(card_, *payload, mute_);
+        std::optional<Bytes> reply;
+        try {
+            reply = vpcd::answer(card_, *payload, mute_);
+        } catch (const NoAnswer& e) {
+            if (log_) std::fprintf(log_, "no answer: %s\n", e.what());
+            // vpcd waits for an answer without a timeout, so a card that keeps
+            // silent on the line would hold pcscd forever. Instead the card
+            // drops the line (the pending transmission ends with no bytes)
+            // and, if it went mute, comes back unable to power up, as pcscd
+            // sees a card that stopped answering.
+            if (e.why() == NoAnswer::Why::Mute) {
+                mute_ = true;
+                // Away long enough for pcscd's presence poll to notice.
+                backAt_ = std::chrono::steady_clock::now() + kMuteAbsence;
+            }
+            present_ = false;
+            hangUp();
+            return false;
+        }
         if (!reply) continue;
         log("<", *reply);
         if (!sendAll(socket_, vpcd::frame(*reply))) {

@@ -6,6 +6,7 @@
 #include "core/card.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <optional>
@@ -40,7 +41,7 @@ private:
 constexpr std::size_t kMuteAtrLength = 34;
 
 // What the card answers to one payload from vpcd; nothing for contact
-// events other than the ATR request.
+// events other than the ATR request. A card's NoAnswer passes through.
 std::optional<Bytes> answer(ICard& card, const Bytes& payload, bool mute);
 
 }  // namespace vpcd
@@ -94,6 +95,8 @@ private:
     std::atomic<bool> connected_{false};
     std::FILE* log_ = nullptr;
     vpcd::FrameDecoder decoder_;
+    // When a card that went mute shows up again (run's thread only).
+    std::optional<std::chrono::steady_clock::time_point> backAt_;
 };
 
 }  // namespace vtoken

@@ -1,0 +1,71 @@
+// A virtual Pro or R2 card behind the library's own token object, for
+// tests of the drivers against the card model.
+#pragma once
+
+#include "core/card_sender.h"
+#include "libapdu/exception.h"
+#include "libapdu/token.h"
+#include "pro/pro_card.h"
+#include "r2/r2_card.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace krfs::component {
+
+using vtoken::pro::Model;
+using vtoken::pro::Path;
+
+inline const char* modelName(Model m) { return vtoken::pro::modelInfo(m).name; }
+
+// The result code a failure carries, 0 if there is none.
+inline long codeOf(const std::function<void()>& f) {
+    try {
+        f();
+    } catch (const libapdu::IException& e) {
+        return e.code();
+    } catch (const CAException& e) {
+        return e.Code();
+    }
+    return 0;
+}
+
+// Makes the library's token over a card and selects an applet on it.
+inline std::unique_ptr<libapdu::IToken> bindToken(vtoken::ICard& card, unsigned short applet) {
+    std::unique_ptr<libapdu::ISender> sender(new vtoken::CardSender(card));
+    auto token = libapdu::IToken::create(sender);
+    token->selectApplet(applet);
+    return token;
+}
+
+struct ProToken {
+    explicit ProToken(vtoken::pro::Personalisation p)
+        : card(vtoken::pro::personalise(p)), token(bindToken(card, 0x1002)) {}
+    ProToken(Model model, bool fips) : ProToken(personalisation(model, fips)) {}
+
+    static vtoken::pro::Personalisation personalisation(Model model, bool fips) {
+        vtoken::pro::Personalisation p;
+        p.model = model;
+        p.fips = fips;
+        p.label = "component";
+        p.id = vtoken::Bytes{0x12, 0x34, 0x56, 0x78};
+        p.colour = 9;
+        return p;
+    }
+
+    libapdu::IAppFS* fs() { return token->fs(); }
+    libapdu::IAppInfo* info() { return token->info(); }
+    // The number of the user PIN in this layout's access bytes.
+    unsigned char userPin() const {
+        return card.state().fips ? vtoken::pro::kFipsUserPin : vtoken::pro::kUserPin;
+    }
+    // The home directory, below the master file.
+    Path home() const { return card.state().home(); }
+    const vtoken::pro::Node* node(Path below) const { return card.state().find(below); }
+
+    vtoken::pro::ProCard card;
+    std::unique_ptr<libapdu::IToken> token;
+};
+
+}  // namespace krfs::component

@@ -1,0 +1,28 @@
+// Pieces of the stored card state shared by all dialects: hex fields, the
+// fault knobs, and the atomic write of a state file.
+#pragma once
+
+#include "core/bytes.h"
+#include "core/faults.h"
+
+#include <nlohmann/json.hpp>
+
+#include <string>
+
+namespace vtoken {
+
+// Throws std::invalid_argument naming `what` unless `value` is a string of
+// hex bytes (of exactly `size` bytes, if given).
+Bytes hexField(const nlohmann::ordered_json& value, const char* what, int size = -1);
+
+nlohmann::ordered_json faultsToJson(const Faults& faults);
+Faults faultsFromJson(const nlohmann::ordered_json& value);
+
+// Reads a whole file; throws std::runtime_error if it cannot.
+std::string readTextFile(const std::string& path);
+// Writes a temporary file beside `path` and renames it over `path`, so a
+// reader sees the old state or the new one, never half of one. Throws
+// std::runtime_error.
+void writeFileAtomically(const std::string& path, const std::string& text);
+
+}  // namespace vtoken

@@ -1,0 +1,57 @@
+#include "persist/token_file.h"
+
+#include "core/state_json.h"
+
+#include <sys/stat.h>
+
+#include <stdexcept>
+
+namespace vtoken {
+
+StoredToken::StoredToken(std::string path) : path_(std::move(path)) {
+    const std::string text = readTextFile(path_);
+    nlohmann::json j;
+    try {
+        j = nlohmann::json::parse(text);
+    } catch (const nlohmann::json::exception& e) {
+        throw std::invalid_argument(path_ + ": not JSON: " + e.what());
+    }
+    dialect_ = j.is_object() ? j.value("dialect", "") : "";
+    try {
+        if (dialect_ == "pro") {
+            pro_ = std::make_unique<pro::ProCard>(pro::fromJsonText(text));
+            const std::string file = path_;
+            pro_->setOnChange([file](const pro::ProState& state) {
+                writeFileAtomically(file, pro::toJsonText(state));
+            });
+        } else if (dialect_ == "r2") {
+            r2_ = std::make_unique<r2::R2Card>(r2::fromJsonText(text));
+        } else {
+            throw std::invalid_argument("dialect: pro or r2");
+        }
+    } catch (const std::invalid_argument& e) {
+        throw std::invalid_argument(path_ + ": " + e.what());
+    }
+}
+
+ICard& StoredToken::card() {
+    if (pro_) return *pro_;
+    return *r2_;
+}
+
+const Faults& StoredToken::faults() const {
+    return pro_ ? pro_->state().faults : r2_->state().faults;
+}
+
+std::string StoredToken::describe() const {
+    return pro_ ? pro::describe(pro_->state()) : r2::describe(r2_->state());
+}
+
+void writeNewState(const std::string& path, const std::string& text, bool replace) {
+    struct stat st {};
+    if (!replace && ::stat(path.c_str(), &st) == 0)
+        throw std::runtime_error(path + " exists (--force replaces it)");
+    writeFileAtomically(path, text);
+}
+
+}  // namespace vtoken

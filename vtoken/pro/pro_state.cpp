@@ -1,0 +1,365 @@
+#include "pro/pro_state.h"
+
+#include "core/state_json.h"
+
+#include <openssl/rand.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <sstream>
+#include <stdexcept>
+
+namespace vtoken::pro {
+
+using json = nlohmann::ordered_json;
+
+namespace {
+
+// The version bytes also close each ATR's historical bytes (C8 xx); the
+// Pro42 ATR ends in the check byte its mask leaves free.
+const ModelInfo kModels[] = {
+    {Model::Pro16,
+     "pro16",
+     fromHex("3B E2 00 FF C1 10 31 FE 55 C8 02 9C"),
+     1,
+     {0xC8, 0x02},
+     16,
+     false},
+    {Model::Pro32,
+     "pro32",
+     fromHex("3B F2 98 00 FF C1 10 31 FE 55 C8 03 15"),
+     2,
+     {0xC8, 0x03},
+     32,
+     false},
+    {Model::Pro42,
+     "pro42",
+     fromHex("3B F2 18 00 00 C1 0A 31 FE 55 C8 06 75"),
+     3,
+     {0xC8, 0x06},
+     64,
+     true},
+    {Model::Pro42b,
+     "pro42b",
+     fromHex("3B F2 18 00 02 C1 0A 31 FE 58 C8 09 75"),
+     4,
+     {0xC8, 0x09},
+     72,
+     true},
+};
+
+constexpr unsigned char kTries = 15;
+constexpr std::size_t kLabelSize = 32;
+constexpr std::size_t kSaltSize = 20;
+constexpr std::size_t kFipsCounterSize = 43;  // salt, then the user counter at 41
+constexpr std::size_t kFipsUserCounter = 41;
+
+Bytes randomBytes(std::size_t n) {
+    Bytes out(n);
+    if (n > 0 && RAND_bytes(out.data(), static_cast<int>(n)) != 1)
+        throw std::runtime_error("no random bytes from OpenSSL");
+    return out;
+}
+
+Bytes rights(unsigned char first, unsigned char second, unsigned char third, unsigned char rest,
+             std::size_t count) {
+    Bytes out{first, second, third};
+    out.resize(count, rest);
+    return out;
+}
+
+// Files: read, update, delete, then four more rights that follow update.
+Bytes fileAccess(unsigned char read, unsigned char update) {
+    return rights(read, update, right::kNever, update, 7);
+}
+
+// Directories: create inside, delete, then six more that follow create.
+Bytes dirAccess(unsigned char create) { return rights(create, right::kNever, create, create, 8); }
+
+Node dir(std::uint16_t id, Bytes access) {
+    Node n;
+    n.id = id;
+    n.dir = true;
+    n.access = std::move(access);
+    return n;
+}
+
+Node file(std::uint16_t id, Bytes access, Bytes data) {
+    Node n;
+    n.id = id;
+    n.access = std::move(access);
+    n.data = std::move(data);
+    return n;
+}
+
+Bytes padded(const std::string& text, std::size_t size) {
+    Bytes out(text.begin(), text.end());
+    out.resize(size, 0x00);
+    return out;
+}
+
+// The legacy label is single-byte text: anything beyond ASCII becomes '?',
+// and the last of 32 bytes is always a zero.
+Bytes legacyLabel(const std::string& utf8) {
+    Bytes out;
+    for (std::size_t i = 0; i < utf8.size(); ++i) {
+        unsigned char c = static_cast<unsigned char>(utf8[i]);
+        if (c < 0x80) {
+            out.push_back(c);
+        } else if ((c & 0xC0) != 0x80) {
+            out.push_back('?');
+        }
+    }
+    out.resize(kLabelSize - 1, 0x00);
+    out.push_back(0x00);
+    return out;
+}
+
+std::string hexWord(std::uint16_t id) {
+    char text[8];
+    std::snprintf(text, sizeof text, "%04X", id);
+    return text;
+}
+
+json nodeToJson(const Node& n) {
+    json out = {
+        {"id", hexWord(n.id)}, {"type", n.dir ? "dir" : "file"}, {"access", toHex(n.access)}};
+    if (n.dir) {
+        if (!n.pins.empty()) {
+            json pins = json::array();
+            for (const auto& p : n.pins)
+                pins.push_back({{"id", toHex({p.id})}, {"role", p.role}, {"pin", p.pin}});
+            out["pins"] = pins;
+        }
+        json children = json::array();
+        for (const auto& c : n.children) children.push_back(nodeToJson(c));
+        out["children"] = children;
+    } else {
+        out["data"] = toHex(n.data);
+    }
+    return out;
+}
+
+Node nodeFromJson(const json& j, int depth) {
+    if (!j.is_object()) throw std::invalid_argument("node: not an object");
+    if (depth > 64) throw std::invalid_argument("node: tree too deep");
+    Bytes id = hexField(j.value("id", json()), "node.id", 2);
+    Node n;
+    n.id = static_cast<std::uint16_t>(id[0] << 8 | id[1]);
+    const std::string type = j.value("type", "");
+    if (type != "dir" && type != "file")
+        throw std::invalid_argument("node " + hexWord(n.id) + ": type is dir or file");
+    n.dir = type == "dir";
+    n.access = hexField(j.value("access", json()), "node.access");
+    if (n.dir) {
+        for (const auto& p : j.value("pins", json::array())) {
+            PinObject pin;
+            pin.id = hexField(p.value("id", json()), "pin.id", 1)[0];
+            pin.role = p.value("role", "");
+            pin.pin = p.value("pin", "");
+            n.pins.push_back(pin);
+        }
+        for (const auto& c : j.value("children", json::array())) {
+            Node child = nodeFromJson(c, depth + 1);
+            if (n.child(child.id))
+                throw std::invalid_argument("node " + hexWord(n.id) + ": two children " +
+                                            hexWord(child.id));
+            n.children.push_back(std::move(child));
+        }
+    } else {
+        n.data = hexField(j.value("data", json("")), "node.data");
+        if (n.data.size() > 0xFFFF)
+            throw std::invalid_argument("node " + hexWord(n.id) + ": above 65535 bytes");
+    }
+    return n;
+}
+
+std::size_t used(const Node& n) {
+    std::size_t total = kNodeOverhead + n.data.size();
+    for (const auto& c : n.children) total += used(c);
+    return total;
+}
+
+void describeNode(std::ostringstream& out, const Node& n, const std::string& indent) {
+    out << indent << hexWord(n.id);
+    if (n.dir) {
+        out << "/  dir   create " << toHex({n.right(right::kCreate)}) << "  delete "
+            << toHex({n.right(right::kDeleteDir)});
+    } else {
+        out << "   file " << n.data.size() << " bytes  read " << toHex({n.right(right::kRead)})
+            << "  update " << toHex({n.right(right::kUpdate)}) << "  delete "
+            << toHex({n.right(right::kDeleteFile)});
+    }
+    out << "  [" << toHex(n.access) << "]\n";
+    for (const auto& p : n.pins)
+        out << indent << "  PIN " << toHex({p.id}) << " " << p.role << "\n";
+    for (const auto& c : n.children) describeNode(out, c, indent + "  ");
+}
+
+}  // namespace
+
+const ModelInfo& modelInfo(Model model) {
+    for (const auto& m : kModels)
+        if (m.model == model) return m;
+    throw std::invalid_argument("unknown Pro model");
+}
+
+std::optional<Model> modelByName(std::string_view name) {
+    for (const auto& m : kModels)
+        if (name == m.name) return m.model;
+    return std::nullopt;
+}
+
+Node* Node::child(std::uint16_t childId) {
+    for (auto& c : children)
+        if (c.id == childId) return &c;
+    return nullptr;
+}
+
+const Node* Node::child(std::uint16_t childId) const {
+    return const_cast<Node*>(this)->child(childId);
+}
+
+std::size_t ProState::memoryUsed() const { return used(mf); }
+
+Path ProState::home() const { return fips ? Path{kHome, kFipsHome} : Path{kHome}; }
+
+Node* ProState::find(const Path& path) {
+    Node* n = &mf;
+    for (std::uint16_t id : path) {
+        if (!n->dir) return nullptr;
+        n = n->child(id);
+        if (!n) return nullptr;
+    }
+    return n;
+}
+
+const Node* ProState::find(const Path& path) const {
+    return const_cast<ProState*>(this)->find(path);
+}
+
+ProState personalise(const Personalisation& p) {
+    if (p.label.size() > kLabelSize) throw std::invalid_argument("a label has at most 32 bytes");
+    if (p.userPin.empty()) throw std::invalid_argument("the user PIN is empty");
+    if (p.adminPin && p.adminPin->empty()) throw std::invalid_argument("the admin PIN is empty");
+    if (p.adminPin && p.fips) throw std::invalid_argument("a FIPS token has no administrator PIN");
+    if (p.id && p.id->size() != 4) throw std::invalid_argument("an identifier has 4 bytes");
+
+    ProState s;
+    s.model = p.model;
+    s.fips = p.fips;
+    s.id = p.id ? *p.id : randomBytes(4);
+    s.mf = dir(kMf, Bytes(8, right::kNever));
+
+    const unsigned char user = p.fips ? kFipsUserPin : kUserPin;
+    Node home = dir(kHome, dirAccess(user));
+    // The marker changes with every change to the tree: anyone may write it.
+    home.children.push_back(file(kMarker, fileAccess(right::kFree, right::kFree), randomBytes(16)));
+
+    if (!p.fips) {
+        home.pins.push_back({kUserPin, "user", p.userPin});
+        home.pins.push_back({kAdminPin, "admin", p.adminPin.value_or(p.userPin)});
+
+        Node info = dir(kInfoDir, dirAccess(right::kNever));
+        // The counters (left, total) of user and administrator begin the salt.
+        Bytes counter = randomBytes(kSaltSize);
+        counter[0] = counter[1] = counter[2] = counter[3] = kTries;
+        // The host counts failed attempts itself, before any PIN is verified.
+        info.children.push_back(file(kCounter, fileAccess(right::kFree, right::kFree), counter));
+        info.children.push_back(
+            file(kLabel, fileAccess(right::kFree, kUserPin), padded(p.label, kLabelSize)));
+        info.children.push_back(
+            file(kLegacyLabel, fileAccess(right::kFree, kUserPin), legacyLabel(p.label)));
+        info.children.push_back(
+            file(kColour, fileAccess(right::kFree, right::kNever), Bytes{p.colour}));
+        home.children.push_back(std::move(info));
+    } else {
+        Node fipsHome = dir(kFipsHome, dirAccess(kFipsUserPin));
+        // The user PIN and its encryption and signature keys, and the shadow
+        // set that keeps the token usable through a broken PIN change.
+        const char* roles[] = {"user", "encryption", "signature"};
+        for (int i = 0; i < 3; ++i)
+            fipsHome.pins.push_back({static_cast<unsigned char>(0x11 + i), roles[i], p.userPin});
+        for (int i = 0; i < 3; ++i)
+            fipsHome.pins.push_back({static_cast<unsigned char>(0x1A + i),
+                                     std::string(roles[i]) + "-shadow", p.userPin});
+
+        fipsHome.children.push_back(
+            file(kFipsLabel, fileAccess(right::kFree, kFipsUserPin), padded(p.label, kLabelSize)));
+        fipsHome.children.push_back(file(kFipsColour, fileAccess(right::kFree, right::kNever),
+                                         Bytes{0x00, 0x00, p.colour}));
+        Bytes counter = randomBytes(kSaltSize);
+        counter.resize(kFipsCounterSize, 0x00);
+        counter[kFipsUserCounter] = counter[kFipsUserCounter + 1] = kTries;
+        fipsHome.children.push_back(
+            file(kFipsCounter, fileAccess(right::kFree, right::kFree), counter));
+        home.children.push_back(std::move(fipsHome));
+    }
+    s.mf.children.push_back(std::move(home));
+    return s;
+}
+
+std::string toJsonText(const ProState& s) {
+    json verified = json::array();
+    for (unsigned char id : s.assumeVerified) verified.push_back(toHex({id}));
+    json out = {{"format", "krfs-vtoken/1"},   {"dialect", "pro"},
+                {"model", s.info().name},      {"fips", s.fips},
+                {"id", toHex(s.id)},           {"life_cycle", toHex({s.lifeCycle})},
+                {"assume_verified", verified}, {"faults", faultsToJson(s.faults)},
+                {"mf", nodeToJson(s.mf)}};
+    return out.dump(2) + "\n";
+}
+
+ProState fromJsonText(std::string_view text) {
+    json j;
+    try {
+        j = json::parse(text);
+    } catch (const json::exception& e) {
+        throw std::invalid_argument(std::string("not JSON: ") + e.what());
+    }
+    if (!j.is_object() || j.value("dialect", "") != "pro")
+        throw std::invalid_argument("not the state of a Pro token");
+    ProState s;
+    auto model = modelByName(j.value("model", ""));
+    if (!model) throw std::invalid_argument("model: pro16, pro32, pro42 or pro42b");
+    s.model = *model;
+    const json& fips = j.value("fips", json());
+    if (!fips.is_boolean()) throw std::invalid_argument("fips: true or false");
+    s.fips = fips.get<bool>();
+    s.id = hexField(j.value("id", json()), "id", 4);
+    s.lifeCycle = hexField(j.value("life_cycle", json("10")), "life_cycle", 1)[0];
+    for (const auto& v : j.value("assume_verified", json::array()))
+        s.assumeVerified.push_back(hexField(v, "assume_verified", 1)[0]);
+    s.faults = faultsFromJson(j.value("faults", json()));
+    s.mf = nodeFromJson(j.value("mf", json()), 0);
+    if (s.mf.id != kMf || !s.mf.dir) throw std::invalid_argument("mf: directory 3F00");
+    return s;
+}
+
+std::string describe(const ProState& s) {
+    std::ostringstream out;
+    const ModelInfo& m = s.info();
+    out << "Pro token, model " << m.name << (s.fips ? ", FIPS" : "") << "\n"
+        << "ATR         " << toHex(m.atr) << "\n"
+        << "identifier  " << toHex(s.id) << "\n"
+        << "life cycle  " << toHex({s.lifeCycle}) << "\n"
+        << "memory      " << s.memoryTotal() << " bytes, " << s.memoryUsed() << " used\n";
+    Path labelFile = s.home();
+    if (s.fips) {
+        labelFile.push_back(kFipsLabel);
+    } else {
+        labelFile.insert(labelFile.end(), {kInfoDir, kLabel});
+    }
+    if (const Node* label = s.find(labelFile)) {
+        std::string text(label->data.begin(), label->data.end());
+        out << "label       \"" << text.substr(0, text.find('\0')) << "\"\n";
+    }
+    if (!s.assumeVerified.empty())
+        out << "assumed verified PINs  " << toHex(s.assumeVerified) << "\n";
+    if (!s.faults.empty()) out << "faults      " << faultsToJson(s.faults).dump() << "\n";
+    out << "access: 00 free, FF never, else the PIN to verify\n";
+    describeNode(out, s.mf, "");
+    return out.str();
+}
+
+}  // namespace vtoken::pro
