@@ -294,9 +294,12 @@ TEST(ProFaults, ResetBetweenCallsAndRemovalMidSession) {
     const unsigned char four[4] = {9, 8, 7, 6};
     ASSERT_EQ(KRFileWrite(f, 0, four, 4), 0);
 
-    // Another application resets the card: the next call reconnects and
-    // goes on, as every file call selects its path anew.
+    // Another application resets the card, once our transaction is over
+    // (while it lasts, pcscd makes the other client wait). The next call
+    // reconnects and goes on, as every file call selects its path anew.
+    ASSERT_EQ(KRTokenUnLock(s.h), 0);
     ASSERT_PCSC(SCARD_S_SUCCESS, resetCardFromAnotherClient(card.reader()));
+    ASSERT_EQ(KRTokenLock(s.h), 0);
     unsigned char back[4] = {0};
     EXPECT_EQ(KRFileRead(f, 0, 4, back, 4), 0);
     EXPECT_EQ(back[3], 6);
