@@ -187,6 +187,11 @@ void VpcdLink::hangUp() {
 bool VpcdLink::serveReadable() {
     unsigned char buffer[4096];
     ssize_t n = ::recv(socket_, buffer, sizeof buffer, 0);
+    // vpcd writes a frame's length and payload separately, so with delayed
+    // acknowledgements every command would wait out the peer's Nagle timer
+    // (about 40 ms). Acknowledge at once; the flag wears off, so set it anew.
+    int one = 1;
+    ::setsockopt(socket_, IPPROTO_TCP, TCP_QUICKACK, &one, sizeof one);
     if (n < 0 && errno == EINTR) return true;
     if (n <= 0) {
         // vpcd closed the slot (pcscd stopped); dial again while present.

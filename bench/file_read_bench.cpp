@@ -1,0 +1,176 @@
+// Reading a 16 KiB file through pcscd and a virtual Pro token: KRFileRead
+// side by side with a raw SCardTransmit loop that replays the very commands
+// the library sent. Checks first that the read takes one select and 65 reads,
+// then prints the ratio of wall times (the work is mostly waiting on pcscd).
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "harness/harness.h"
+#include "krfs.h"
+
+namespace {
+
+using namespace krfs::harness;
+
+constexpr WORD kSize = 16384;
+
+struct Fixture {
+    std::unique_ptr<Pcscd> pcscd;
+    std::unique_ptr<VToken> card;
+    std::unique_ptr<TempDir> dir;
+    __tag_HToken* token = nullptr;
+    __tag_HDir* vendor = nullptr;
+    __tag_HFile* file = nullptr;
+    std::unique_ptr<Connection> raw;
+    std::vector<Bytes> replay;  // the C-APDUs of one KRFileRead
+};
+
+Fixture* g = nullptr;
+
+std::vector<Bytes> commandsIn(const std::string& logPath) {
+    std::ifstream in(logPath);
+    std::vector<Bytes> out;
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.rfind("C-APDU: ", 0) != 0) continue;
+        std::istringstream hex(line.substr(8));
+        Bytes apdu;
+        std::string byte;
+        while (hex >> byte)
+            apdu.push_back(static_cast<unsigned char>(std::stoul(byte, nullptr, 16)));
+        out.push_back(apdu);
+    }
+    return out;
+}
+
+bool setUp() {
+    g = new Fixture;
+    g->pcscd.reset(new Pcscd(1));
+    VTokenOptions o;
+    TokenInit init;
+    init.model = "pro42";
+    o.init = init;
+    o.serveArgs = {"--assume-verified", "01"};
+    g->card.reset(new VToken(*g->pcscd, 0, o));
+    g->dir.reset(new TempDir("krfs-bench"));
+    if (KRTokenBind(&g->token, g->card->reader().c_str()) != 0) return false;
+    if (KRRootDirOpen(&g->vendor, g->token, 0xF006) != 0) return false;
+    if (KRFileCreate(&g->file, g->vendor, 0x0001, kSize, 0) != 0) return false;
+    std::vector<unsigned char> data(kSize);
+    for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<unsigned char>(i * 31);
+    if (KRFileWrite(g->file, 0, data.data(), kSize) != 0) return false;
+
+    // One read with the log on: its commands are the count to check and the
+    // script of the raw replay.
+    const std::string log = g->dir->file("read.log");
+    std::vector<unsigned char> buffer(kSize);
+    KREnableLogging(log.c_str());
+    const long rc = KRFileRead(g->file, 0, kSize, buffer.data(), kSize);
+    KRDisableLogging();
+    if (rc != 0 || buffer != data) return false;
+    g->replay = commandsIn(log);
+    int selects = 0, reads = 0;
+    for (const Bytes& c : g->replay) {
+        if (c.size() > 1 && c[1] == 0xA4) ++selects;
+        if (c.size() > 1 && c[1] == 0xB0) ++reads;
+    }
+    std::printf("KRFileRead of %u bytes: %zu commands, %d select, %d read\n", kSize,
+                g->replay.size(), selects, reads);
+    if (selects != 1 || reads != 65 || g->replay.size() != 66) {
+        std::printf("MISSED: expected exactly 1 select and 65 reads\n");
+        return false;
+    }
+    g->raw.reset(new Connection(g->card->reader()));
+    return g->raw->connected();
+}
+
+void BM_KRFileRead(benchmark::State& state) {
+    std::vector<unsigned char> buffer(kSize);
+    for (auto _ : state) {
+        if (KRFileRead(g->file, 0, kSize, buffer.data(), kSize) != 0) {
+            state.SkipWithError("KRFileRead failed");
+            break;
+        }
+        benchmark::DoNotOptimize(buffer.data());
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * kSize);
+}
+
+void BM_RawReplay(benchmark::State& state) {
+    Bytes response;
+    for (auto _ : state) {
+        for (const Bytes& c : g->replay) {
+            if (g->raw->transmit(c, response) != SCARD_S_SUCCESS) {
+                state.SkipWithError("SCardTransmit failed");
+                return;
+            }
+        }
+        benchmark::DoNotOptimize(response.data());
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * kSize);
+}
+
+// Wall seconds and iterations of each benchmark, summed over its rounds.
+std::map<std::string, std::pair<double, double>> g_totals;
+
+class RatioReporter : public benchmark::ConsoleReporter {
+public:
+    void ReportRuns(const std::vector<Run>& runs) override {
+        for (const Run& r : runs)
+            if (r.run_type == Run::RT_Iteration && r.iterations > 0) {
+                auto& t = g_totals[r.benchmark_name()];
+                t.first += r.real_accumulated_time;
+                t.second += static_cast<double>(r.iterations);
+            }
+        ConsoleReporter::ReportRuns(runs);
+    }
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    enterPrivateNamespaces();
+    if (!setUp()) {
+        std::fprintf(stderr, "file_read_bench: set-up failed\n");
+        return 1;
+    }
+    // Alternate the two so that drift in pcscd's timing hits both alike.
+    for (int round = 0; round < 3; ++round) {
+        benchmark::RegisterBenchmark("BM_KRFileRead_16KiB", BM_KRFileRead)
+            ->MinTime(1.0)
+            ->UseRealTime();
+        benchmark::RegisterBenchmark("BM_RawReplay_16KiB", BM_RawReplay)
+            ->MinTime(1.0)
+            ->UseRealTime();
+    }
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+    auto perRead = [](const char* name) {
+        const auto& t = g_totals[std::string(name) + "/min_time:1.000/real_time"];
+        return t.second > 0 ? t.first / t.second : 0.0;
+    };
+    const double lib = perRead("BM_KRFileRead_16KiB");
+    const double raw = perRead("BM_RawReplay_16KiB");
+    if (lib > 0 && raw > 0)
+        std::printf("\nper read: KRFileRead %.3f ms, raw replay %.3f ms\n", lib * 1e3, raw * 1e3),
+            std::printf(
+                "ratio krfileread-16KiB  KRFileRead/raw replay time = %.3f (target <= 1.05) %s\n",
+                lib / raw, lib / raw <= 1.05 ? "met" : "MISSED");
+    KRFileClose(g->file);
+    KRDirClose(g->vendor);
+    KRTokenUnbind(g->token);
+    g->raw.reset();
+    g->card.reset();
+    g->pcscd.reset();
+    return 0;
+}
