@@ -71,7 +71,9 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
-        return app.exit(e);
+        // Help is a success; any other word of the command line is a usage error.
+        const int code = app.exit(e);
+        return code == 0 ? 0 : 2;
     }
 
     try {
