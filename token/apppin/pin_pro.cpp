@@ -149,6 +149,7 @@ TBytes CPinPro::saltGet() {
 TBytes CPinPro::challengeGet() {
     TBytes response(kChallengeSize + 2);
     send({0x00, 0x84, 0x00, 0x00, static_cast<unsigned char>(kChallengeSize)}, response);
+    if (response.size() < 2) APDU_RAISE(0x6281);  // not even a status word
     checkSW(response);
     if (response.size() != kChallengeSize + 2) APDU_RAISE(0x6281);
     response.resize(kChallengeSize);
