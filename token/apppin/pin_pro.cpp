@@ -28,7 +28,8 @@ constexpr unsigned char kPro4User = 0x81;     // the one PIN a non-FIPS Pro4 cha
 
 constexpr WORD kLoggedIn = 0x00FF;
 constexpr WORD kLoggedOut = 0x0000;
-constexpr unsigned char kWrongPin = 0x63;
+constexpr WORD kSwOk = 0x9000;
+constexpr WORD kSwWrongPin = 0x6300;
 
 // The unsalted PIN key.
 TBytes plainKey(const TBytes& pin) {
@@ -191,7 +192,7 @@ void CPinPro::login(const TBytes& pin) {
                             mac.size());
     std::fill(key.begin(), key.end(), 0);
 
-    // After the challenge: the card keeps it across this select.
+    // Selected after the challenge, not before: the card expects this order.
     selectDirectory();
     TBytes command{0x00, 0x82, 0x00, reference(), static_cast<unsigned char>(kMacSize)};
     command << mac;
@@ -206,16 +207,17 @@ void CPinPro::login(const TBytes& pin) {
         if (counterOffset(offset)) {
             TBytes counter = counterRead(offset);
             bool changed = false;
-            if (sw == 0x9000 && counter[0] != counter[1]) {
+            if (sw == kSwOk && counter[0] != counter[1]) {
                 counter[0] = counter[1];
                 changed = true;
-            } else if (sw == (kWrongPin << 8) && counter[0] != 0) {
+            } else if (sw == kSwWrongPin && counter[0] != 0) {
                 --counter[0];
                 changed = true;
             }
-            if (changed) fs()->write(counter, offset);
+            // The record follows the card's verdict even if the write fails.
             record.attemptsLeft = counter[0];
             record.attemptsTotal = counter[1];
+            if (changed) fs()->write(counter, offset);
         }
     } catch (const IException&) {
     }

@@ -230,6 +230,7 @@ TEST_F(ProPin, CounterFailuresLeaveTheCardsVerdict) {
     counter(false, 0, "09 0A");
     sender.expect(writeAt(0, "08 0A"), "69 82");
     EXPECT_EQ(failureCode([&] { pin->login(kPin); }), code(0x6300));
+    EXPECT_EQ(pin->info().attemptsLeft, 8);
 }
 
 TEST_F(ProPin, AdministratorLoginUsesThePlainKeyAndItsOwnCounter) {
