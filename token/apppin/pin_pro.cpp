@@ -22,9 +22,9 @@ constexpr std::size_t kChallengeSize = 8;
 constexpr std::size_t kMacSize = 8;
 constexpr std::size_t kListAnswer = 256;
 
-constexpr unsigned char kSpecific = 0x80;     // P2 names a PIN of the current directory
-constexpr unsigned char kAdminChange = 0x85;  // the administrator PIN, specific
-constexpr unsigned char kPro4User = 0x81;     // the one PIN a non-FIPS Pro4 changes
+constexpr unsigned char kLocalReference = 0x80;  // P2 names a PIN of the current directory
+constexpr unsigned char kAdminChange = 0x85;     // the administrator PIN, local reference
+constexpr unsigned char kPro4User = 0x81;        // the one PIN a non-FIPS Pro4 changes
 
 constexpr WORD kLoggedIn = 0x00FF;
 constexpr WORD kLoggedOut = 0x0000;
@@ -107,7 +107,7 @@ bool CPinPro::counterOffset(WORD& offset) {
 bool CPinPro::isAdmin() { return selected == pathAdmin(); }
 
 unsigned char CPinPro::reference() const {
-    return static_cast<unsigned char>((id | kSpecific) & 0xFF);
+    return static_cast<unsigned char>((id | kLocalReference) & 0xFF);
 }
 
 void CPinPro::selectDirectory() { fs()->select(directory); }
@@ -342,7 +342,7 @@ void CPinPro4::change(const TBytes& pin) {
 
 void CPinPro4::FipsFinChange(unsigned char keyId, const TBytes& key, unsigned char kind) {
     const unsigned char p1 = kind == 0 ? 0x00 : 0x10;
-    TBytes command{0x90, 0x24, p1, static_cast<unsigned char>(keyId | kSpecific),
+    TBytes command{0x90, 0x24, p1, static_cast<unsigned char>(keyId | kLocalReference),
                    static_cast<unsigned char>(key.size() & 0xFF)};
     command << key;
     TBytes response(2);
