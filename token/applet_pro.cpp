@@ -4,6 +4,8 @@
 #include "libapdu/token_type.h"
 #include "token/appfs/fs_pro.h"
 #include "token/appinfo/info_pro.h"
+#include "token/applabel/label_pro.h"
+#include "token/apppack/pack_pro.h"
 #include "token/apppin/pin_pro.h"
 
 namespace libapdu {
@@ -32,6 +34,9 @@ CAppletPro::CAppletPro(ISender* s) : IApplet(s) {
         fs_.reset(new CFSPro4(this));
         pin_.reset(new CPinPro4(this));
     }
+    // The label takes its adapter from the drivers above.
+    label_.reset(new CLabelPro(this));
+    pack_.reset(new CPackPro(this));
 }
 
 void CAppletPro::init() {
