@@ -12,6 +12,8 @@ int main(int argc, char** argv) {
         "Paths are hexadecimal identifiers separated by '/', starting at the vendor\n"
         "directory (--vendor): \"1000/0005\" is file 0005 in directory 1000."};
     app.require_subcommand(1);
+    // Common options may also follow the subcommand: krfs ls --reader X.
+    app.fallthrough();
     app.set_help_all_flag("--help-all", "Show the help of every subcommand");
 
     Common c;
