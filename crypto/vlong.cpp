@@ -507,6 +507,31 @@ vlong modinv(const vlong& a, const vlong& m) {
 
 // ---------------- monty ----------------
 
+// Y (s + 1 words) is below 2m: out = Y - m if Y >= m, else Y. `out` may be Y.
+void monty::subtractOnce(const u64* Y, u64* out) const {
+    const unsigned s = limbs_;
+    bool geq = Y[s] != 0;
+    if (!geq) {
+        geq = true;
+        for (unsigned i = s; i-- > 0;) {
+            if (Y[i] != mw_[i]) {
+                geq = Y[i] > mw_[i];
+                break;
+            }
+        }
+    }
+    if (geq) {
+        u64 borrow = 0;
+        for (unsigned i = 0; i < s; ++i) {
+            const u128 d = static_cast<u128>(Y[i]) - mw_[i] - borrow;
+            out[i] = static_cast<u64>(d);
+            borrow = static_cast<u64>(d >> 64) ? 1 : 0;
+        }
+    } else {
+        std::memmove(out, Y, s * sizeof(u64));
+    }
+}
+
 monty::monty(const vlong& M) : m(M), N(0), fast_(false), limbs_(1) {
     // R is the least power of two not below M.
     const unsigned b = M.value->bits();
@@ -590,27 +615,7 @@ void monty::mulWords(u64* out, const u64* a, const u64* b) {
         const u64 hi = i + whole + 1 <= 2 * s ? X[i + whole + 1] : 0;
         Y[i] = part ? (lo >> part) | (hi << (64 - part)) : lo;
     }
-    // If Y >= m, subtract m.
-    bool geq = Y[s] != 0;
-    if (!geq) {
-        geq = true;
-        for (unsigned i = s; i-- > 0;) {
-            if (Y[i] != mw_[i]) {
-                geq = Y[i] > mw_[i];
-                break;
-            }
-        }
-    }
-    if (geq) {
-        u64 borrow = 0;
-        for (unsigned i = 0; i < s; ++i) {
-            const u128 d = static_cast<u128>(Y[i]) - mw_[i] - borrow;
-            out[i] = static_cast<u64>(d);
-            borrow = static_cast<u64>(d >> 64) ? 1 : 0;
-        }
-    } else {
-        std::memcpy(out, Y, s * sizeof(u64));
-    }
+    subtractOnce(Y, out);
 }
 
 void monty::mul(vlong& x, const vlong& y) {
@@ -672,27 +677,7 @@ void monty::mulReduce(u64* out, const u64* a, const u64* b) {
         shift();
     }
     Y[s] = static_cast<u64>(acc);
-    // Y is below 2m: subtract m once if needed.
-    bool geq = Y[s] != 0;
-    if (!geq) {
-        geq = true;
-        for (unsigned i = s; i-- > 0;) {
-            if (Y[i] != mw_[i]) {
-                geq = Y[i] > mw_[i];
-                break;
-            }
-        }
-    }
-    if (geq) {
-        u64 borrow = 0;
-        for (unsigned i = 0; i < s; ++i) {
-            const u128 d = static_cast<u128>(Y[i]) - mw_[i] - borrow;
-            out[i] = static_cast<u64>(d);
-            borrow = static_cast<u64>(d >> 64) ? 1 : 0;
-        }
-    } else {
-        std::memmove(out, Y, s * sizeof(u64));
-    }
+    subtractOnce(Y, out);
 }
 
 vlong monty::exp(const vlong& x, const vlong& e) {

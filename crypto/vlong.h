@@ -124,6 +124,8 @@ private:
     // for exp alone: its final result does not depend on the choice of R.
     void mulReduce(unsigned long long* out, const unsigned long long* a,
                    const unsigned long long* b);
+    // Y (limbs_ + 1 words, below 2m) less m when it is at least m.
+    void subtractOnce(const unsigned long long* Y, unsigned long long* out) const;
     unsigned long long m0inv_ = 0;  // -m^-1 mod 2^64
     bool fast_;                     // odd m above 1: the word path is usable
     unsigned limbs_;                // 64-bit words of a value below R
