@@ -9,15 +9,8 @@
 
 namespace {
 
-constexpr long kNullPointer = 0x80000005L;
 constexpr unsigned short kNotFound = 0x6A82;
 constexpr unsigned short kExists = 0x6A89;
-
-void requirePointer(const void* p) {
-    if (p == nullptr) KR_RAISE(kNullPointer);
-}
-
-bool lowIs(const CAException& e, unsigned short sw) { return (e.Code() & 0xFFFF) == sw; }
 
 // Directories are made open: read and write access 0, whatever the login.
 libapdu::CFileInfo openDirectory() { return libapdu::CFileInfo(2, 0, 0, 0); }
@@ -48,7 +41,7 @@ void CDir::OpenDirAlways(TSharedTokenPtr token, TPath path) {
     try {
         token->fs()->select(path);
     } catch (const CAException& e) {
-        if (!lowIs(e, kNotFound)) throw;
+        if (!LowBitsAre(e, kNotFound)) throw;
         libapdu::FileCreatePath(libapdu::TokenToAdapter(token.get()), path, openDirectory());
     }
 }
@@ -70,7 +63,7 @@ void CDir::CreateDirRec(TSharedTokenPtr token, TPath path, libapdu::CFileInfo& i
 }
 
 void CDir::Open(CToken* token, CDir** out, WORD vendor) {
-    requirePointer(out);
+    RequirePointer(out);
     std::unique_ptr<CDir> dir(new CDir);
     dir->path = OpenVendorDir(token, vendor);
     dir->token = token->Token();
@@ -78,7 +71,7 @@ void CDir::Open(CToken* token, CDir** out, WORD vendor) {
 }
 
 void CDir::Open(WORD id, CDir** out) {
-    requirePointer(out);
+    RequirePointer(out);
     TPath child = path;
     child.push_back(id);
     token->fs()->select(child);
@@ -91,14 +84,14 @@ void CDir::Open(WORD id, CDir** out) {
 }
 
 void CDir::Create(WORD id, CDir** out) {
-    requirePointer(out);
+    RequirePointer(out);
     TPath child = path;
     child.push_back(id);
     try {
         token->fs()->select(path);
         token->fs()->create(id, openDirectory());
     } catch (const CAException& e) {
-        if (!lowIs(e, kExists)) throw;
+        if (!LowBitsAre(e, kExists)) throw;
         OpenDirAlways(token, child);
     }
     std::unique_ptr<CDir> dir(new CDir);
@@ -113,9 +106,19 @@ void CDir::Delete() {
 }
 
 void CDir::GetInfo(__tag_DirInfo* info) {
-    requirePointer(info);
+    RequirePointer(info);
     const libapdu::CFileInfo i = token->fs()->info();
     // The vendor-0 directory has no identifier of its own: report 0.
     info->id = path.empty() ? 0 : path.back();
     info->size = i.size;
+}
+
+std::vector<TPath> CDir::ChildPaths(unsigned char kind) {
+    token->fs()->select(path);
+    std::vector<TPath> children;
+    for (WORD id : token->fs()->list(kind)) {
+        children.push_back(path);
+        children.back().push_back(id);
+    }
+    return children;
 }

@@ -1,6 +1,8 @@
 // A handle on one directory, held as a path: each operation selects anew.
 #pragma once
 
+#include <vector>
+
 #include "krfs.h"
 #include "libapdu/interfaces.h"
 #include "src/Object/Object.h"
@@ -25,6 +27,10 @@ public:
     static TPath VendorPath(WORD vendor);
     static void OpenDirAlways(TSharedTokenPtr token, TPath path);
     static void CreateDirRec(TSharedTokenPtr token, TPath path, libapdu::CFileInfo& info);
+
+    // The full paths of the children of one kind (1 files, 2 directories),
+    // in the driver's order.
+    std::vector<TPath> ChildPaths(unsigned char kind);
 
     const TPath& Path() const { return path; }
     const TSharedTokenPtr& SharedToken() const { return token; }

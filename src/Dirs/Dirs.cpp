@@ -4,30 +4,18 @@
 
 #include "src/Dir/Dir.h"
 
-namespace {
-void requirePointer(const void* p) {
-    if (p == nullptr) KR_RAISE(0x80000005L);
-}
-}  // namespace
-
 void CDirs::Open(CDir* dir, CDirs** out) {
-    requirePointer(dir);
-    requirePointer(out);
+    RequirePointer(dir);
+    RequirePointer(out);
     std::unique_ptr<CDirs> e(new CDirs);
-    TSharedTokenPtr token = dir->SharedToken();
-    token->fs()->select(dir->Path());
-    for (WORD id : token->fs()->list(2)) {
-        TPath p = dir->Path();
-        p.push_back(id);
-        e->paths.push_back(p);
-    }
-    e->token = token;
+    e->paths = dir->ChildPaths(2);
+    e->token = dir->SharedToken();
     *out = e.release();
 }
 
 void CDirs::GetNext(__tag_DirInfo* info) {
     if (cursor >= paths.size()) KR_RAISE(0x80070103L);
-    requirePointer(info);
+    RequirePointer(info);
     // No selection of the entry: the size is of the last node selected.
     const libapdu::CFileInfo i = token->fs()->info();
     info->id = paths[cursor].back();

@@ -12,17 +12,11 @@ namespace {
 constexpr long kInvalidArgument = 0x80000003L;
 constexpr unsigned short kNotFound = 0x6A82;
 
-void requirePointer(const void* p) {
-    if (p == nullptr) KR_RAISE(0x80000005L);
-}
-
-bool lowIs(const CAException& e, unsigned short sw) { return (e.Code() & 0xFFFF) == sw; }
-
 }  // namespace
 
 void CFile::Open(CDir* dir, WORD id, CFile** out) {
-    requirePointer(dir);
-    requirePointer(out);
+    RequirePointer(dir);
+    RequirePointer(out);
     TSharedTokenPtr token = dir->SharedToken();
     TPath p = dir->Path();
     p.push_back(id);
@@ -31,7 +25,7 @@ void CFile::Open(CDir* dir, WORD id, CFile** out) {
         token->fs()->select(p);
         info = token->fs()->info();
     } catch (const CAException& e) {
-        if (!lowIs(e, kNotFound)) throw;
+        if (!LowBitsAre(e, kNotFound)) throw;
     }
     if (info.type != 1) APDU_RAISE(kNotFound);
     std::unique_ptr<CFile> f(new CFile);
@@ -41,26 +35,26 @@ void CFile::Open(CDir* dir, WORD id, CFile** out) {
 }
 
 void CFile::Create(CDir* dir, WORD id, WORD size, short isPrivate, CFile** out) {
-    requirePointer(dir);
-    requirePointer(out);
+    RequirePointer(dir);
+    RequirePointer(out);
     TSharedTokenPtr token = dir->SharedToken();
     TPath p = dir->Path();
     p.push_back(id);
-    libapdu::CFileInfo info;
-    try {
+    // Write access always needs the user PIN, named by its low byte; read
+    // access only when the file is private.
+    auto createIn = [&] {
         token->fs()->select(dir->Path());
         const unsigned char pinId = static_cast<unsigned char>(token->pin()->pathUser().back());
-        info = libapdu::CFileInfo(1, size, isPrivate != 0 ? pinId : 0, pinId);
-        token->fs()->create(id, info);
+        token->fs()->create(id, libapdu::CFileInfo(1, size, isPrivate != 0 ? pinId : 0, pinId));
+    };
+    try {
+        createIn();
     } catch (const CAException& e) {
-        if (!lowIs(e, kNotFound)) throw;
+        if (!LowBitsAre(e, kNotFound)) throw;
         // The directory went away behind the handle: make it again, open.
         libapdu::FileCreatePath(libapdu::TokenToAdapter(token.get()), dir->Path(),
                                 libapdu::CFileInfo(2, 0, 0, 0));
-        token->fs()->select(dir->Path());
-        const unsigned char pinId = static_cast<unsigned char>(token->pin()->pathUser().back());
-        info = libapdu::CFileInfo(1, size, isPrivate != 0 ? pinId : 0, pinId);
-        token->fs()->create(id, info);
+        createIn();
     }
     std::unique_ptr<CFile> f(new CFile);
     f->path = p;
@@ -89,7 +83,7 @@ void CFile::Read(WORD offset, WORD length, unsigned char* buffer, DWORD bufferSi
 }
 
 void CFile::Write(WORD offset, const unsigned char* data, WORD length) {
-    requirePointer(data);
+    RequirePointer(data);
     token->fs()->select(path);
     const unsigned long size = token->fs()->info().size;
     // Not cut to 16 bits: files never grow.
@@ -103,7 +97,7 @@ void CFile::Delete() {
 }
 
 void CFile::GetInfo(__tag_FileInfo* info) {
-    requirePointer(info);
+    RequirePointer(info);
     const libapdu::CFileInfo i = token->fs()->info();
     info->id = path.back();
     info->size = i.size;

@@ -4,30 +4,18 @@
 
 #include "src/Dir/Dir.h"
 
-namespace {
-void requirePointer(const void* p) {
-    if (p == nullptr) KR_RAISE(0x80000005L);
-}
-}  // namespace
-
 void CFiles::Open(CDir* dir, CFiles** out) {
-    requirePointer(dir);
-    requirePointer(out);
+    RequirePointer(dir);
+    RequirePointer(out);
     std::unique_ptr<CFiles> e(new CFiles);
-    TSharedTokenPtr token = dir->SharedToken();
-    token->fs()->select(dir->Path());
-    for (WORD id : token->fs()->list(1)) {
-        TPath p = dir->Path();
-        p.push_back(id);
-        e->paths.push_back(p);
-    }
-    e->token = token;
+    e->paths = dir->ChildPaths(1);
+    e->token = dir->SharedToken();
     *out = e.release();
 }
 
 void CFiles::GetNext(__tag_FileInfo* info) {
     if (cursor >= paths.size()) KR_RAISE(0x80070103L);
-    requirePointer(info);
+    RequirePointer(info);
     token->fs()->select(paths[cursor]);
     const libapdu::CFileInfo i = token->fs()->info();
     info->id = paths[cursor].back();

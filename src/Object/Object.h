@@ -39,6 +39,16 @@ struct __tag_HReadersEnum {
     unsigned int kind;
 };
 
+// A null pointer argument to a method of a public object.
+inline void RequirePointer(const void* p) {
+    if (p == nullptr) KR_RAISE(0x80000005L);
+}
+
+// The low 16 bits of a failure, where a status word is looked for.
+inline bool LowBitsAre(const CAException& e, unsigned short sw) {
+    return (e.Code() & 0xFFFF) == sw;
+}
+
 template <class THandle, class TObject, EObjects Kind>
 class CObject : public THandle {
 public:

@@ -18,13 +18,8 @@
 
 namespace {
 
-constexpr long kNullPointer = 0x80000005L;
 constexpr WORD kDataStore = 0x2205;
 constexpr WORD kJavaManager = 0x2002;
-
-void requirePointer(const void* p) {
-    if (p == nullptr) KR_RAISE(kNullPointer);
-}
 
 [[noreturn]] void raiseBare(long code) { CAException::RaiseAnError(code, "", "", 0); }
 
@@ -44,7 +39,7 @@ bool CToken::IsLocked() const { return locked; }
 
 void CToken::Bind(const char* reader) {
     ASSERT_UNLOCKED("void CToken::Bind(const char*)");
-    requirePointer(reader);
+    RequirePointer(reader);
     readerName = reader;
 
     CReaders readers;
@@ -122,7 +117,7 @@ void CToken::SelectApplet(WORD applet) {
 
 void CToken::Login(const char* pin) {
     ASSERT_LOCKED("void CToken::Login(const char*)");
-    requirePointer(pin);
+    RequirePointer(pin);
     libapdu::IAppPin* p = token->pin();
     p->select(p->pathUser());
     const TBytes bytes =
@@ -139,7 +134,7 @@ void CToken::Logout() {
 
 void CToken::ChangePin(const char* pin) {
     ASSERT_LOCKED("void CToken::ChangePin(const char*)");
-    requirePointer(pin);
+    RequirePointer(pin);
     // Judged by this session's count, not by the card.
     if (loginCount == 0) KR_RAISE(0x86E06982L);
     libapdu::IAppPin* p = token->pin();
@@ -157,25 +152,25 @@ libapdu::CPinInfo CToken::UserPinInfo() {
 
 void CToken::GetMaxPinLen(DWORD* length) {
     ASSERT_LOCKED("void CToken::GetMaxPinLen(DWORD*)");
-    requirePointer(length);
+    RequirePointer(length);
     *length = UserPinInfo().maxLength;
 }
 
 void CToken::GetMinPinLen(DWORD* length) {
     ASSERT_LOCKED("void CToken::GetMinPinLen(DWORD*)");
-    requirePointer(length);
+    RequirePointer(length);
     *length = UserPinInfo().minLength;
 }
 
 void CToken::GetPinAttempts(DWORD* attempts) {
     ASSERT_LOCKED("void CToken::GetPinAttempts(DWORD*)");
-    requirePointer(attempts);
+    RequirePointer(attempts);
     *attempts = UserPinInfo().attemptsLeft;
 }
 
 void CToken::GetLabel(char* buffer, DWORD* size) {
     ASSERT_LOCKED("void CToken::GetLabel(char*, DWORD*)");
-    requirePointer(size);
+    RequirePointer(size);
     libapdu::IAppLabel* l = token->label();
     const unsigned char encoding = static_cast<unsigned char>(l->encoding());
     const std::wstring wide = libapdu::IConvert::bytes_to_wstring(l->read(), encoding);
@@ -193,7 +188,7 @@ void CToken::GetLabel(char* buffer, DWORD* size) {
 
 void CToken::GetID(char* buffer, DWORD* size) {
     ASSERT_LOCKED("void CToken::GetID(char*, DWORD*)");
-    requirePointer(size);
+    RequirePointer(size);
     TBytes id;
     try {
         id = token->info()->id(1);
@@ -223,7 +218,7 @@ void CToken::ReturnToApplet() {
 
 void CToken::GetModel(char* buffer, DWORD* size) {
     ASSERT_LOCKED("void CToken::GetModel(char*, DWORD*)");
-    requirePointer(size);
+    RequirePointer(size);
     TBytes model;
     try {
         token->selectApplet(kJavaManager);
