@@ -6,6 +6,7 @@
 #include "libapdu/applet.h"
 #include "src/Dir/Dir.h"
 #include "token/appfs/fs_common.h"
+#include "token/apppin/pin_common.h"
 
 namespace {
 
@@ -44,7 +45,8 @@ void CFile::Create(CDir* dir, WORD id, WORD size, short isPrivate, CFile** out) 
     // access only when the file is private.
     auto createIn = [&] {
         token->fs()->select(dir->Path());
-        const unsigned char pinId = static_cast<unsigned char>(token->pin()->pathUser().back());
+        const unsigned char pinId =
+            static_cast<unsigned char>(libapdu::PinExtractAccess(token->pin()->pathUser()));
         token->fs()->create(id, libapdu::CFileInfo(1, size, isPrivate != 0 ? pinId : 0, pinId));
     };
     try {
