@@ -11,10 +11,15 @@ namespace {
 
 constexpr unsigned char kIso = 0x00;
 constexpr unsigned char kProprietary = 0x80;
+constexpr unsigned char kPro4Pin = 0x90;      // the change of the version 4 cards
+constexpr unsigned char kSmClassBits = 0x0C;  // a protected command
 
 enum Ins : unsigned char {
     kActivate = 0x10,
     kList = 0x16,
+    kChangeReference = 0x24,
+    kAuthenticate = 0x82,
+    kPutData = 0xDA,
     kGetChallenge = 0x84,
     kSelect = 0xA4,
     kReadBinary = 0xB0,
@@ -145,7 +150,17 @@ Bytes ProCard::dispatch(const Command& c) {
     auto proprietary = [&](auto handler) {
         return c.cla == kProprietary ? (this->*handler)(c) : respond(sw::kUnknownClass);
     };
+    if ((c.cla & kSmClassBits) == kSmClassBits) return secureMessaging(c);
     switch (c.ins) {
+        case kAuthenticate:
+            return iso(&ProCard::authenticate);
+        case kPutData:
+            return iso(&ProCard::unblock);
+        case kChangeReference:
+            // Before version 4 the ISO class; from it on, 90 and the same
+            // instruction.
+            if (c.cla != (state_.info().pro4 ? kPro4Pin : kIso)) return respond(sw::kUnknownClass);
+            return changeReference(c, false);
         case kSelect:
             return iso(&ProCard::select);
         case kCreate:
@@ -194,6 +209,11 @@ void ProCard::enter(const Path& df, std::optional<std::uint16_t> ef) {
     v.erase(std::remove_if(v.begin(), v.end(),
                            [&](const Session::Verified& p) { return !isPrefix(p.dir, df); }),
             v.end());
+    if (!session_.smMac.empty() && !isPrefix(session_.smDir, df)) {
+        session_.smMac.clear();
+        session_.smEnc.clear();
+        session_.smDir.clear();
+    }
 }
 
 bool ProCard::granted(unsigned char right) const {
