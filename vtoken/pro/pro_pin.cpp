@@ -69,6 +69,11 @@ Bytes ProCard::authenticate(const Command& c) {
     if (challenge.size() != kAnswerSize) return respond(sw::kConditionsNotSatisfied);
     if (pin->tries == 0) return respond(sw::kBlocked);
 
+    // Right or wrong, an attempt replaces what the PIN had proved before.
+    auto& v = session_.verified;
+    v.erase(std::remove_if(v.begin(), v.end(),
+                           [&](const Session::Verified& p) { return p.id == pin->id; }),
+            v.end());
     if (des3Encrypt(pin->key, challenge) != c.data) {
         --pin->tries;
         changed_ = true;
@@ -78,10 +83,6 @@ Bytes ProCard::authenticate(const Command& c) {
         pin->tries = pin->maxTries;
         changed_ = true;
     }
-    auto& v = session_.verified;
-    v.erase(std::remove_if(v.begin(), v.end(),
-                           [&](const Session::Verified& p) { return p.id == pin->id; }),
-            v.end());
     verify(dir, pin->id);
 
     // A FIPS PIN brings the keys of its set: its own for the MAC, the next
