@@ -113,10 +113,6 @@ const Bytes* findTag(const std::vector<Tlv>& tlvs, unsigned char tag) {
     return nullptr;
 }
 
-bool isPrefix(const Path& prefix, const Path& path) {
-    return prefix.size() <= path.size() && std::equal(prefix.begin(), prefix.end(), path.begin());
-}
-
 bool reservedId(std::uint16_t id) {
     return id == 0x0000 || id == kMf || id == 0x3FFF || id == 0xFFFF;
 }
@@ -206,10 +202,17 @@ void ProCard::enter(const Path& df, std::optional<std::uint16_t> ef) {
     session_.df = df;
     session_.ef = ef;
     auto& v = session_.verified;
+    // The login lasts while the session stays in the application (the
+    // directory below the master file) that holds the PIN: a FIPS token
+    // keeps its PINs in 6666 5000, and the host stamps 6666 0001 after each
+    // change to the tree without logging out.
+    auto within = [&](const Path& dir) {
+        return dir.empty() || (!df.empty() && df.front() == dir.front());
+    };
     v.erase(std::remove_if(v.begin(), v.end(),
-                           [&](const Session::Verified& p) { return !isPrefix(p.dir, df); }),
+                           [&](const Session::Verified& p) { return !within(p.dir); }),
             v.end());
-    if (!session_.smMac.empty() && !isPrefix(session_.smDir, df)) {
+    if (!session_.smMac.empty() && !within(session_.smDir)) {
         session_.smMac.clear();
         session_.smEnc.clear();
         session_.smDir.clear();

@@ -19,7 +19,8 @@ struct Session {
     Path df;                          // the current directory, below the master file
     std::optional<std::uint16_t> ef;  // the current file in it, if any
     // A verified PIN counts while the current directory stays within the
-    // directory that holds it: leaving it is the logout.
+    // application (first directory below the master file) that holds it:
+    // selecting the master file is the logout.
     struct Verified {
         Path dir;
         unsigned char id;
