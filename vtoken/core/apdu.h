@@ -13,11 +13,15 @@ namespace vtoken {
 namespace sw {
 constexpr std::uint16_t kOk = 0x9000;
 constexpr std::uint16_t kEndOfFile = 0x6282;
+constexpr std::uint16_t kWrongPin = 0x6300;
 constexpr std::uint16_t kWrongLength = 0x6700;
 constexpr std::uint16_t kIncompatibleStructure = 0x6981;
 constexpr std::uint16_t kSecurityNotSatisfied = 0x6982;
+constexpr std::uint16_t kBlocked = 0x6983;
 constexpr std::uint16_t kConditionsNotSatisfied = 0x6985;
 constexpr std::uint16_t kNoCurrentEf = 0x6986;
+constexpr std::uint16_t kSmObjectsMissing = 0x6987;
+constexpr std::uint16_t kSmObjectsWrong = 0x6988;
 constexpr std::uint16_t kWrongData = 0x6A80;
 constexpr std::uint16_t kFileNotFound = 0x6A82;
 constexpr std::uint16_t kNoRoom = 0x6A84;

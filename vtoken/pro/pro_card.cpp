@@ -11,10 +11,15 @@ namespace {
 
 constexpr unsigned char kIso = 0x00;
 constexpr unsigned char kProprietary = 0x80;
+constexpr unsigned char kPro4Pin = 0x90;      // the change of the version 4 cards
+constexpr unsigned char kSmClassBits = 0x0C;  // a protected command
 
 enum Ins : unsigned char {
     kActivate = 0x10,
     kList = 0x16,
+    kChangeReference = 0x24,
+    kAuthenticate = 0x82,
+    kPutData = 0xDA,
     kGetChallenge = 0x84,
     kSelect = 0xA4,
     kReadBinary = 0xB0,
@@ -108,10 +113,6 @@ const Bytes* findTag(const std::vector<Tlv>& tlvs, unsigned char tag) {
     return nullptr;
 }
 
-bool isPrefix(const Path& prefix, const Path& path) {
-    return prefix.size() <= path.size() && std::equal(prefix.begin(), prefix.end(), path.begin());
-}
-
 bool reservedId(std::uint16_t id) {
     return id == 0x0000 || id == kMf || id == 0x3FFF || id == 0xFFFF;
 }
@@ -145,7 +146,17 @@ Bytes ProCard::dispatch(const Command& c) {
     auto proprietary = [&](auto handler) {
         return c.cla == kProprietary ? (this->*handler)(c) : respond(sw::kUnknownClass);
     };
+    if ((c.cla & kSmClassBits) == kSmClassBits) return secureMessaging(c);
     switch (c.ins) {
+        case kAuthenticate:
+            return iso(&ProCard::authenticate);
+        case kPutData:
+            return iso(&ProCard::unblock);
+        case kChangeReference:
+            // Before version 4 the ISO class; from it on, 90 and the same
+            // instruction.
+            if (c.cla != (state_.info().pro4 ? kPro4Pin : kIso)) return respond(sw::kUnknownClass);
+            return changeReference(c, false);
         case kSelect:
             return iso(&ProCard::select);
         case kCreate:
@@ -191,9 +202,21 @@ void ProCard::enter(const Path& df, std::optional<std::uint16_t> ef) {
     session_.df = df;
     session_.ef = ef;
     auto& v = session_.verified;
+    // The login lasts while the session stays in the application (the
+    // directory below the master file) that holds the PIN: a FIPS token
+    // keeps its PINs in 6666 5000, and the host stamps 6666 0001 after each
+    // change to the tree without logging out.
+    auto within = [&](const Path& dir) {
+        return dir.empty() || (!df.empty() && df.front() == dir.front());
+    };
     v.erase(std::remove_if(v.begin(), v.end(),
-                           [&](const Session::Verified& p) { return !isPrefix(p.dir, df); }),
+                           [&](const Session::Verified& p) { return !within(p.dir); }),
             v.end());
+    if (!session_.smMac.empty() && !within(session_.smDir)) {
+        session_.smMac.clear();
+        session_.smEnc.clear();
+        session_.smDir.clear();
+    }
 }
 
 bool ProCard::granted(unsigned char right) const {

@@ -19,13 +19,19 @@ struct Session {
     Path df;                          // the current directory, below the master file
     std::optional<std::uint16_t> ef;  // the current file in it, if any
     // A verified PIN counts while the current directory stays within the
-    // directory that holds it: leaving it is the logout.
+    // application (first directory below the master file) that holds it:
+    // selecting the master file is the logout.
     struct Verified {
         Path dir;
         unsigned char id;
     };
     std::vector<Verified> verified;
-    Bytes challenge;  // the last GET CHALLENGE answer
+    Bytes challenge;  // the last GET CHALLENGE answer, good for one answer
+    // Secure messaging keys, from the PIN set that authenticated last in a
+    // FIPS layout; they go with the login, when the session leaves `smDir`.
+    Bytes smMac;
+    Bytes smEnc;
+    Path smDir;
 };
 
 class ProCard : public ICard {
@@ -76,6 +82,14 @@ private:
     Bytes getData(const Command& c);
     Bytes getChallenge(const Command& c);
     Bytes activate(const Command& c);
+    // The PIN protocol (pro_pin.cpp).
+    Bytes authenticate(const Command& c);
+    Bytes changeReference(const Command& c, bool protectedCommand);
+    Bytes unblock(const Command& c);
+    Bytes secureMessaging(const Command& c);
+    // The object a key reference names, and the directory holding it: with
+    // bit 0x80 a PIN of the current directory, else one of the master file.
+    PinObject* pinByReference(unsigned char reference, Path& dir);
 
     Node& currentDf();
     Node* currentEf();

@@ -1,6 +1,7 @@
 #include "pro/pro_state.h"
 
 #include "core/state_json.h"
+#include "pro/pro_crypto.h"
 
 #include <openssl/rand.h>
 
@@ -50,7 +51,6 @@ const ModelInfo kModels[] = {
 
 constexpr unsigned char kTries = 15;
 constexpr std::size_t kLabelSize = 32;
-constexpr std::size_t kSaltSize = 20;
 constexpr std::size_t kFipsCounterSize = 43;  // salt, then the user counter at 41
 constexpr std::size_t kFipsUserCounter = 41;
 
@@ -128,7 +128,11 @@ json nodeToJson(const Node& n) {
         if (!n.pins.empty()) {
             json pins = json::array();
             for (const auto& p : n.pins)
-                pins.push_back({{"id", toHex({p.id})}, {"role", p.role}, {"pin", p.pin}});
+                pins.push_back({{"id", toHex({p.id})},
+                                {"role", p.role},
+                                {"key", toHex(p.key)},
+                                {"tries", p.tries},
+                                {"max_tries", p.maxTries}});
             out["pins"] = pins;
         }
         json children = json::array();
@@ -140,7 +144,22 @@ json nodeToJson(const Node& n) {
     return out;
 }
 
-Node nodeFromJson(const json& j, int depth) {
+unsigned char triesField(const json& j, const char* name, unsigned char otherwise) {
+    const json& v = j.value(name, json(otherwise));
+    if (!v.is_number_unsigned() || v.get<unsigned>() > 0xFF)
+        throw std::invalid_argument(std::string("pin.") + name + ": 0 to 255");
+    return static_cast<unsigned char>(v.get<unsigned>());
+}
+
+// Objects of older state files kept the PIN itself, under "pin": their keys
+// are derived once the whole tree (and so the salt) is known.
+struct LegacyPin {
+    Path dir;
+    unsigned char id;
+    std::string pin;
+};
+
+Node nodeFromJson(const json& j, int depth, Path& at, std::vector<LegacyPin>& legacy) {
     if (!j.is_object()) throw std::invalid_argument("node: not an object");
     if (depth > 64) throw std::invalid_argument("node: tree too deep");
     Bytes id = hexField(j.value("id", json()), "node.id", 2);
@@ -153,14 +172,29 @@ Node nodeFromJson(const json& j, int depth) {
     n.access = hexField(j.value("access", json()), "node.access");
     if (n.dir) {
         for (const auto& p : j.value("pins", json::array())) {
+            if (!p.is_object()) throw std::invalid_argument("pin: not an object");
             PinObject pin;
             pin.id = hexField(p.value("id", json()), "pin.id", 1)[0];
             pin.role = p.value("role", "");
-            pin.pin = p.value("pin", "");
+            if (p.contains("key")) {
+                pin.key = hexField(p.value("key", json()), "pin.key", kPinKeySize);
+            } else if (p.contains("pin") && p["pin"].is_string()) {
+                Path dir = at;
+                dir.push_back(n.id);
+                legacy.push_back({dir, pin.id, p["pin"].get<std::string>()});
+            } else {
+                throw std::invalid_argument("pin " + toHex({pin.id}) + ": no key");
+            }
+            pin.maxTries = triesField(p, "max_tries", pin.maxTries);
+            pin.tries = triesField(p, "tries", pin.maxTries);
+            if (pin.tries > pin.maxTries)
+                throw std::invalid_argument("pin " + toHex({pin.id}) + ": tries above max_tries");
             n.pins.push_back(pin);
         }
         for (const auto& c : j.value("children", json::array())) {
-            Node child = nodeFromJson(c, depth + 1);
+            at.push_back(n.id);
+            Node child = nodeFromJson(c, depth + 1, at, legacy);
+            at.pop_back();
             if (n.child(child.id))
                 throw std::invalid_argument("node " + hexWord(n.id) + ": two children " +
                                             hexWord(child.id));
@@ -192,7 +226,9 @@ void describeNode(std::ostringstream& out, const Node& n, const std::string& ind
     }
     out << "  [" << toHex(n.access) << "]\n";
     for (const auto& p : n.pins)
-        out << indent << "  PIN " << toHex({p.id}) << " " << p.role << "\n";
+        out << indent << "  PIN " << toHex({p.id}) << " " << p.role << "  tries "
+            << static_cast<int>(p.tries) << "/" << static_cast<int>(p.maxTries)
+            << (p.tries == 0 ? "  BLOCKED" : "") << "\n";
     for (const auto& c : n.children) describeNode(out, c, indent + "  ");
 }
 
@@ -220,9 +256,39 @@ const Node* Node::child(std::uint16_t childId) const {
     return const_cast<Node*>(this)->child(childId);
 }
 
+PinObject* Node::pin(unsigned char pinId) {
+    for (auto& p : pins)
+        if (p.id == pinId) return &p;
+    return nullptr;
+}
+
+const PinObject* Node::pin(unsigned char pinId) const {
+    return const_cast<Node*>(this)->pin(pinId);
+}
+
 std::size_t ProState::memoryUsed() const { return used(mf); }
 
 Path ProState::home() const { return fips ? Path{kHome, kFipsHome} : Path{kHome}; }
+
+Path ProState::counterFile() const {
+    return fips ? Path{kHome, kFipsHome, kFipsCounter} : Path{kHome, kInfoDir, kCounter};
+}
+
+Bytes ProState::salt() const {
+    const Node* counter = find(counterFile());
+    if (!counter || counter->dir || counter->data.size() < kSaltSize) return {};
+    return Bytes(counter->data.begin(), counter->data.begin() + kSaltSize);
+}
+
+Bytes ProState::pinKey(const PinObject& object, const std::string& pin) const {
+    if (!fips) return md5Key(pin);
+    const Bytes s = salt();
+    if (s.empty()) throw std::invalid_argument("no salt for the FIPS keys: counter file missing");
+    // Encryption keys take diversifier 3; the PIN and signature objects
+    // hold the MAC key, diversifier 1.
+    const bool encryption = object.role.rfind("encryption", 0) == 0;
+    return saltedKey(encryption ? 3 : 1, pin, s);
+}
 
 Node* ProState::find(const Path& path) {
     Node* n = &mf;
@@ -257,8 +323,8 @@ ProState personalise(const Personalisation& p) {
     home.children.push_back(file(kMarker, fileAccess(right::kFree, right::kFree), randomBytes(16)));
 
     if (!p.fips) {
-        home.pins.push_back({kUserPin, "user", p.userPin});
-        home.pins.push_back({kAdminPin, "admin", p.adminPin.value_or(p.userPin)});
+        home.pins.push_back({kUserPin, "user", md5Key(p.userPin)});
+        home.pins.push_back({kAdminPin, "admin", md5Key(p.adminPin.value_or(p.userPin))});
 
         Node info = dir(kInfoDir, dirAccess(right::kNever));
         // The counters (left, total) of user and administrator begin the salt.
@@ -277,20 +343,26 @@ ProState personalise(const Personalisation& p) {
         Node fipsHome = dir(kFipsHome, dirAccess(kFipsUserPin));
         // The user PIN and its encryption and signature keys, and the shadow
         // set that keeps the token usable through a broken PIN change.
+        // Both sets start with the keys of the user PIN, salted by the
+        // counter file.
+        Bytes counter = randomBytes(kSaltSize);
+        counter.resize(kFipsCounterSize, 0x00);
+        counter[kFipsUserCounter] = counter[kFipsUserCounter + 1] = kTries;
+        const Bytes salt(counter.begin(), counter.begin() + kSaltSize);
+        const Bytes mac = saltedKey(1, p.userPin, salt);
+        const Bytes enc = saltedKey(3, p.userPin, salt);
         const char* roles[] = {"user", "encryption", "signature"};
         for (int i = 0; i < 3; ++i)
-            fipsHome.pins.push_back({static_cast<unsigned char>(0x11 + i), roles[i], p.userPin});
+            fipsHome.pins.push_back(
+                {static_cast<unsigned char>(kFipsUserPin + i), roles[i], i == 1 ? enc : mac});
         for (int i = 0; i < 3; ++i)
-            fipsHome.pins.push_back({static_cast<unsigned char>(0x1A + i),
-                                     std::string(roles[i]) + "-shadow", p.userPin});
+            fipsHome.pins.push_back({static_cast<unsigned char>(kFipsShadowPin + i),
+                                     std::string(roles[i]) + "-shadow", i == 1 ? enc : mac});
 
         fipsHome.children.push_back(
             file(kFipsLabel, fileAccess(right::kFree, kFipsUserPin), padded(p.label, kLabelSize)));
         fipsHome.children.push_back(file(kFipsColour, fileAccess(right::kFree, right::kNever),
                                          Bytes{0x00, 0x00, p.colour}));
-        Bytes counter = randomBytes(kSaltSize);
-        counter.resize(kFipsCounterSize, 0x00);
-        counter[kFipsUserCounter] = counter[kFipsUserCounter + 1] = kTries;
         fipsHome.children.push_back(
             file(kFipsCounter, fileAccess(right::kFree, right::kFree), counter));
         home.children.push_back(std::move(fipsHome));
@@ -331,8 +403,15 @@ ProState fromJsonText(std::string_view text) {
     for (const auto& v : j.value("assume_verified", json::array()))
         s.assumeVerified.push_back(hexField(v, "assume_verified", 1)[0]);
     s.faults = faultsFromJson(j.value("faults", json()));
-    s.mf = nodeFromJson(j.value("mf", json()), 0);
+    Path at;
+    std::vector<LegacyPin> legacy;
+    s.mf = nodeFromJson(j.value("mf", json()), 0, at, legacy);
     if (s.mf.id != kMf || !s.mf.dir) throw std::invalid_argument("mf: directory 3F00");
+    for (const auto& l : legacy) {
+        Path dir(l.dir.begin() + 1, l.dir.end());  // below the master file
+        PinObject* object = s.find(dir)->pin(l.id);
+        object->key = s.pinKey(*object, l.pin);
+    }
     return s;
 }
 

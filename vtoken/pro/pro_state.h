@@ -54,6 +54,7 @@ constexpr std::uint16_t kFipsCounter = 0x000F;
 constexpr unsigned char kUserPin = 0x01;
 constexpr unsigned char kAdminPin = 0x05;
 constexpr unsigned char kFipsUserPin = 0x11;
+constexpr unsigned char kFipsShadowPin = 0x1A;
 
 // The access bytes of a node: one right per position. 0x00 is free, 0xFF
 // never, anything else the number of the PIN that must be verified.
@@ -67,11 +68,21 @@ constexpr unsigned char kFree = 0x00;
 constexpr unsigned char kNever = 0xFF;
 }  // namespace right
 
+// A PIN or key object. The card never sees a PIN: it keeps the 24-byte
+// key the host derives from it, and checks answers made with that key.
 struct PinObject {
     unsigned char id = 0;
-    std::string role;  // "user", "admin", "encryption", ...
-    // As given at personalisation, until the PIN protocol derives keys.
-    std::string pin;
+    std::string role;  // "user", "admin", "encryption", "user-shadow", ...
+    Bytes key;
+    // Wrong answers the object still takes; at 0 it is blocked.
+    unsigned char tries = 15;
+    unsigned char maxTries = 15;
+
+    // PIN objects answer challenges; the encryption and signature key
+    // objects of the FIPS layout only hold keys.
+    bool authenticates() const {
+        return role == "user" || role == "admin" || role == "user-shadow";
+    }
 };
 
 struct Node {
@@ -84,6 +95,8 @@ struct Node {
 
     Node* child(std::uint16_t childId);
     const Node* child(std::uint16_t childId) const;
+    PinObject* pin(unsigned char pinId);
+    const PinObject* pin(unsigned char pinId) const;
     // A right that the access bytes do not reach is never granted.
     unsigned char right(std::size_t position) const {
         return position < access.size() ? access[position] : right::kNever;
@@ -110,6 +123,13 @@ struct ProState {
     std::size_t memoryUsed() const;
     // The home of relative paths: 6666, or 6666 5000 on a FIPS token.
     Path home() const;
+    // The counter file, whose first 20 bytes salt the FIPS keys.
+    Path counterFile() const;
+    // The salt as the counter file holds it now (empty without the file).
+    Bytes salt() const;
+    // The key a PIN object of this token holds for `pin`: unsalted outside
+    // the FIPS layout, else salted for the object's role.
+    Bytes pinKey(const PinObject& object, const std::string& pin) const;
 
     // A node by its path below the master file (empty: the master file).
     Node* find(const Path& path);

@@ -1,6 +1,7 @@
 // What a fresh Pro token holds, and how its state is kept in a file.
 #include "core/state_json.h"
 #include "persist/token_file.h"
+#include "pro/pro_crypto.h"
 #include "pro/pro_state.h"
 
 #include <gtest/gtest.h>
@@ -65,9 +66,11 @@ TEST(ProLayout, PlainTokenHoldsHomeInformationFilesAndItsTwoPins) {
     const Node& home = at(s, {0x6666});
     ASSERT_EQ(home.pins.size(), 2u);
     EXPECT_EQ(home.pins[0].id, 0x01);
-    EXPECT_EQ(home.pins[0].pin, "user-pin");
+    EXPECT_EQ(home.pins[0].key, md5Key("user-pin")) << "the key, never the PIN";
     EXPECT_EQ(home.pins[1].id, 0x05);
-    EXPECT_EQ(home.pins[1].pin, "admin-pin");
+    EXPECT_EQ(home.pins[1].key, md5Key("admin-pin"));
+    EXPECT_EQ(home.pins[0].tries, 15);
+    EXPECT_EQ(home.pins[0].maxTries, 15);
     EXPECT_EQ(home.right(right::kCreate), kUserPin);
     EXPECT_EQ(at(s, {0x6666, 0x0001}).data.size(), 16u);
 
@@ -110,6 +113,35 @@ TEST(ProLayout, FipsTokenKeepsItsFilesAndKeyObjectsUnder5000) {
     ASSERT_EQ(counter.size(), 43u);
     EXPECT_EQ(counter[41], 0x0F);
     EXPECT_EQ(counter[42], 0x0F);
+
+    // Both sets hold the user PIN's keys salted by the counter file: the MAC
+    // key in the PIN and signature objects, the cipher key in between.
+    const Bytes salt(counter.begin(), counter.begin() + 20);
+    const Bytes mac = saltedKey(1, p.userPin, salt);
+    const Bytes enc = saltedKey(3, p.userPin, salt);
+    EXPECT_NE(mac, enc);
+    for (unsigned char id : {0x11, 0x13, 0x1A, 0x1C}) EXPECT_EQ(home.pin(id)->key, mac) << +id;
+    for (unsigned char id : {0x12, 0x1B}) EXPECT_EQ(home.pin(id)->key, enc) << +id;
+    EXPECT_EQ(s.salt(), salt);
+}
+
+TEST(ProStateJson, OlderFilesWithPlainPinsGetTheirKeysWhenLoaded) {
+    for (bool fips : {false, true}) {
+        Personalisation p;
+        p.fips = fips;
+        p.userPin = "older-pin";
+        const ProState fresh = personalise(p);
+        std::string text = toJsonText(fresh);
+        // Each "key": "..." becomes "pin": "older-pin".
+        for (std::size_t at = text.find("\"key\": \""); at != std::string::npos;
+             at = text.find("\"key\": \"", at)) {
+            const std::size_t end = text.find('"', at + 8);
+            text.replace(at, end + 1 - at, "\"pin\": \"older-pin\"");
+        }
+        ASSERT_EQ(text.find("\"key\""), std::string::npos);
+        const ProState back = fromJsonText(text);
+        EXPECT_EQ(toJsonText(back), toJsonText(fresh)) << "FIPS " << fips;
+    }
 }
 
 TEST(ProLayout, PersonalisationRefusesWhatNoTokenHolds) {
@@ -171,6 +203,9 @@ TEST(ProStateJson, BrokenStatesAreRefusedWithTheirFault) {
     refused("\"id\": \"", "\"id\": \"0");
     refused("\"type\": \"file\"", "\"type\": \"link\"");
     refused("\"0004\"", "\"0005\"");  // two children 0005
+    refused("\"key\": \"", "\"key\": \"00");
+    refused("\"tries\": 15", "\"tries\": 16");  // above max_tries
+    refused("\"max_tries\": 15", "\"max_tries\": 300");
     refused("\"fips\": false", "\"fips\": 0");
     EXPECT_THROW(fromJsonText("{"), std::invalid_argument);
 }
