@@ -28,6 +28,8 @@ run_suite() {
 run_suite build -DCMAKE_BUILD_TYPE=RelWithDebInfo
 echo "== consumer of the installed library"
 bash scripts/consumer.sh build
+echo "== the demo, short form"
+bash scripts/demo.sh --short
 if [ $quick -eq 0 ]; then
   ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
     run_suite build-asan -DCMAKE_BUILD_TYPE=Debug -DKRFS_SANITIZE=ON
