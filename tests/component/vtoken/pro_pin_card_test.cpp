@@ -345,8 +345,12 @@ TEST(ProPinCard, FipsChangeTravelsUnderSecureMessagingOfTheLogin) {
     EXPECT_EQ(send(card, "9C 24 00 9A 05 97 01 FF 00 00"), fromHex("69 87"));
     EXPECT_EQ(send(card, "9C 24 00 9A 04 87 09 01 00"), fromHex("69 88"));
 
-    // Leaving the FIPS directory closes the channel with the login.
-    send(card, "00 A4 08 00 02 66 66 00");
+    // The host's stamp in 6666 0001 keeps the login; the master file ends
+    // it, and the channel with it.
+    send(card, "00 A4 08 00 04 66 66 00 01 00");
+    EXPECT_EQ(send(card, "00 CA 01 84 00"), fromHex("11 90 00"));
+    send(card, "00 A4 00 00 00");
+    EXPECT_EQ(send(card, "00 CA 01 84 00"), kOk);
     EXPECT_EQ(send(card, wrap(mac, enc, change)), fromHex("69 82"));
 }
 
