@@ -29,13 +29,12 @@ std::string slurp(const std::string& path) {
 }
 
 // Runs krfs with `args` (simple words, no quoting needed), feeding `input`.
-Result krfs(const std::string& args, const std::string& input = "",
-            const std::string& env = "") {
+Result krfs(const std::string& args, const std::string& input = "", const std::string& env = "") {
     static TempDir dir("krfs-cli");
     const std::string in = dir.file("in"), out = dir.file("out"), err = dir.file("err");
     std::ofstream(in) << input;
-    const std::string cmd = env + " " + KRFS_CLI_PATH + " " + args + " <" + in + " >" + out +
-                            " 2>" + err;
+    const std::string cmd =
+        env + " " + KRFS_CLI_PATH + " " + args + " <" + in + " >" + out + " 2>" + err;
     const int raw = std::system(cmd.c_str());
     return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, slurp(out), slurp(err)};
 }
@@ -166,9 +165,49 @@ TEST(Cli, TokenRemovedMidCommand) {
     EXPECT_EQ(r.err.rfind("krfs: ", 0), 0u) << r.err;
 }
 
+TEST(Cli, LoginPasswdAndPrivateFiles) {
+    Pcscd pcscd;
+    VTokenOptions o;
+    TokenInit init;
+    init.model = "pro42";
+    init.userPin = "123456";
+    o.init = init;
+    VToken card(pcscd, 0, o);
+    TempDir dir("krfs-cli-pin");
+    std::ofstream(dir.file("secret")) << "top secret";
+
+    Result r = krfs("login", "123456\n");
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "PIN accepted\n");
+    r = krfs("login --pin-env KRFS_TEST_PIN", "", "KRFS_TEST_PIN=654321");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("0x86E06300: wrong PIN"), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("14 attempts left"), std::string::npos) << r.err;
+
+    r = krfs("--login --pin-stdin --vendor F001 put --private " + dir.file("secret") + " 0007",
+             "123456\n");
+    ASSERT_EQ(r.status, 0) << r.err;
+    r = krfs("--vendor F001 cat 0007");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("0x86E06900"), std::string::npos) << "private without login: " << r.err;
+    r = krfs("--vendor F001 --login cat 0007", "123456\n");
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "top secret");
+
+    // passwd reads the current PIN, then the new one.
+    r = krfs("passwd --pin-stdin", "123456\n24681357\n");
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "PIN changed\n");
+    EXPECT_EQ(krfs("login", "123456\n").status, 1) << "the old PIN is gone";
+    EXPECT_EQ(krfs("login", "24681357\n").status, 0);
+    r = krfs("passwd --pin-env OLD --new-pin-env NEW", "", "OLD=24681357 NEW=11223344");
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(krfs("login", "11223344\n").status, 0);
+}
+
 TEST(Cli, HelpForEverySubcommand) {
-    for (const char* sub : {"readers", "info", "ls", "cat", "get", "put", "mkdir", "rm", "login",
-                            "passwd"}) {
+    for (const char* sub :
+         {"readers", "info", "ls", "cat", "get", "put", "mkdir", "rm", "login", "passwd"}) {
         Result r = krfs(std::string(sub) + " --help");
         EXPECT_EQ(r.status, 0) << sub;
         EXPECT_NE(r.out.find("Usage:"), std::string::npos) << sub << "\n" << r.out;
