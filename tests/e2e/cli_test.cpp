@@ -21,13 +21,6 @@ struct Result {
     std::string err;
 };
 
-std::string slurp(const std::string& path) {
-    std::ifstream f(path);
-    std::stringstream s;
-    s << f.rdbuf();
-    return s.str();
-}
-
 // Runs krfs with `args` (simple words, no quoting needed), feeding `input`.
 Result krfs(const std::string& args, const std::string& input = "", const std::string& env = "") {
     static TempDir dir("krfs-cli");
@@ -36,7 +29,7 @@ Result krfs(const std::string& args, const std::string& input = "", const std::s
     const std::string cmd =
         env + " " + KRFS_CLI_PATH + " " + args + " <" + in + " >" + out + " 2>" + err;
     const int raw = std::system(cmd.c_str());
-    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, slurp(out), slurp(err)};
+    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, readFile(out), readFile(err)};
 }
 
 VTokenOptions token(bool pinVerified = true) {
@@ -103,7 +96,7 @@ TEST(Cli, MkdirPutLsCatGetRm) {
     EXPECT_EQ(r.out, content);
     r = krfs(v + "get 2000/0001 " + dir.file("back.bin"));
     EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(slurp(dir.file("back.bin")), content);
+    EXPECT_EQ(readFile(dir.file("back.bin")), content);
 
     r = krfs(v + "rm 2000");
     EXPECT_EQ(r.status, 2);

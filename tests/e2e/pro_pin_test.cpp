@@ -11,12 +11,15 @@
 #include <string>
 #include <vector>
 
+#include "e2e/api_session.h"
 #include "harness/harness.h"
 #include "krfs.h"
 
 namespace {
 
 using namespace krfs::harness;
+using krfs::e2e::count;
+using krfs::e2e::Session;
 using json = nlohmann::json;
 
 const char kPin[] = "1234567890";
@@ -40,36 +43,6 @@ VTokenOptions token(const Layout& l, std::vector<std::string> serve = {}) {
     o.init = init;
     o.serveArgs = std::move(serve);
     return o;
-}
-
-class Session {
-public:
-    explicit Session(const std::string& reader) {
-        EXPECT_EQ(KRTokenBind(&h, reader.c_str()), 0);
-        if (h != nullptr) {
-            EXPECT_EQ(KRTokenLock(h), 0);
-        }
-    }
-    ~Session() {
-        if (h == nullptr) return;
-        EXPECT_EQ(KRTokenUnLock(h), 0);
-        EXPECT_EQ(KRTokenUnbind(h), 0);
-    }
-    __tag_HToken* h = nullptr;
-};
-
-std::string slurp(const std::string& path) {
-    std::ifstream f(path);
-    std::stringstream s;
-    s << f.rdbuf();
-    return s.str();
-}
-
-int count(const std::string& text, const std::string& what) {
-    int n = 0;
-    for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
-        ++n;
-    return n;
 }
 
 // A node of the stored tree by its path below the master file.
@@ -170,7 +143,7 @@ TEST_P(ProPin, ChangeNeedsALoginAndReplacesThePin) {
     KREnableLogging(log.c_str());
     EXPECT_EQ(KRTokenPinChange(s.h, "new-pin-1"), static_cast<long>(0x86E06982));
     KRDisableLogging();
-    EXPECT_EQ(count(slurp(log), "C-APDU:"), 0) << "refused before any APDU:\n" << slurp(log);
+    EXPECT_EQ(count(readFile(log), "C-APDU:"), 0) << "refused before any APDU:\n" << readFile(log);
 
     const json before = card.state();
     ASSERT_EQ(KRTokenLogin(s.h, kPin), 0);
@@ -335,7 +308,7 @@ TEST(ProPinCost, ApduCountAndHostTimeOfLoginAndFipsChange) {
         EXPECT_EQ(call(), 0);
         const auto t1 = std::chrono::steady_clock::now();
         KRDisableLogging();
-        const std::string text = slurp(log);
+        const std::string text = readFile(log);
         return Measure{count(text, "C-APDU:"),
                        std::chrono::duration<double, std::milli>(t1 - t0).count(),
                        commandsOf(text)};
@@ -372,7 +345,7 @@ TEST(ProPinCost, ApduCountAndHostTimeOfLoginAndFipsChange) {
     // counter read, salt, challenge, directory, answer, counter upkeep.
     EXPECT_GE(login.apdus, 9);
     EXPECT_GT(change.apdus, 2 * login.apdus);
-    EXPECT_EQ(count(slurp(log), "C-APDU: 9C 24"), 9) << "nine protected key writes";
+    EXPECT_EQ(count(readFile(log), "C-APDU: 9C 24"), 9) << "nine protected key writes";
 }
 
 }  // namespace

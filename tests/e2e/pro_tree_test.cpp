@@ -10,12 +10,15 @@
 #include <string>
 #include <vector>
 
+#include "e2e/api_session.h"
 #include "harness/harness.h"
 #include "krfs.h"
 
 namespace {
 
 using namespace krfs::harness;
+using krfs::e2e::count;
+using krfs::e2e::Session;
 
 // The user PIN counts as verified on these tokens, so the tree can be built
 // without the PIN protocol; the refusals below use tokens without it.
@@ -28,23 +31,6 @@ VTokenOptions token(const std::string& model, bool pinVerified = true) {
     if (pinVerified) o.serveArgs = {"--assume-verified", "01"};
     return o;
 }
-
-// A bound and locked session that ends with the test.
-class Session {
-public:
-    explicit Session(const std::string& reader) {
-        EXPECT_EQ(KRTokenBind(&h, reader.c_str()), 0);
-        if (h != nullptr) {
-            EXPECT_EQ(KRTokenLock(h), 0);
-        }
-    }
-    ~Session() {
-        if (h == nullptr) return;
-        EXPECT_EQ(KRTokenUnLock(h), 0);
-        EXPECT_EQ(KRTokenUnbind(h), 0);
-    }
-    __tag_HToken* h = nullptr;
-};
 
 std::vector<WORD> listFiles(__tag_HDir* dir) {
     std::vector<WORD> ids;
@@ -70,20 +56,6 @@ std::vector<WORD> listDirs(__tag_HDir* dir) {
     return ids;
 }
 
-std::string slurp(const std::string& path) {
-    std::ifstream f(path);
-    std::stringstream s;
-    s << f.rdbuf();
-    return s.str();
-}
-
-int count(const std::string& text, const std::string& what) {
-    int n = 0;
-    for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
-        ++n;
-    return n;
-}
-
 class ProTree : public ::testing::TestWithParam<const char*> {};
 
 TEST_P(ProTree, BuildReadEnumerateAndDelete) {
@@ -98,11 +70,11 @@ TEST_P(ProTree, BuildReadEnumerateAndDelete) {
     __tag_HDir* vendor = nullptr;
     KREnableLogging(log.c_str());
     ASSERT_EQ(KRRootDirOpen(&vendor, s.h, 0xF001), 0);
-    const std::string first = slurp(log);
+    const std::string first = readFile(log);
     ASSERT_EQ(KRDirClose(vendor), 0);
     std::remove(log.c_str());
     ASSERT_EQ(KRRootDirOpen(&vendor, s.h, 0xF001), 0);
-    const std::string second = slurp(log);
+    const std::string second = readFile(log);
     KRDisableLogging();
     EXPECT_EQ(count(first, "C-APDU: 00 E0"), 1) << "one create on first use:\n" << first;
     EXPECT_EQ(count(second, "C-APDU: 00 E0"), 0) << "opened the second time:\n" << second;

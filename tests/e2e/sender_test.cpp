@@ -24,19 +24,12 @@ VTokenOptions scripted() {
     return o;
 }
 
-std::string slurp(const std::string& path) {
-    std::ifstream f(path);
-    std::stringstream s;
-    s << f.rdbuf();
-    return s.str();
-}
-
 // Logs to a fresh file for the life of a test.
 class Logged {
 public:
     Logged() : path(dir.path() + "/apdu.log") { KREnableLogging(path.c_str()); }
     ~Logged() { KRDisableLogging(); }
-    std::string text() const { return slurp(path); }
+    std::string text() const { return readFile(path); }
     TempDir dir{"krfs-log"};
     std::string path;
 };

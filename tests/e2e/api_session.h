@@ -1,0 +1,39 @@
+// Helpers of the end-to-end tests that work through the exported API.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "krfs.h"
+
+namespace krfs::e2e {
+
+// A bound and locked session that ends with the test.
+class Session {
+public:
+    explicit Session(const std::string& reader) {
+        EXPECT_EQ(KRTokenBind(&h, reader.c_str()), 0);
+        if (h != nullptr) {
+            EXPECT_EQ(KRTokenLock(h), 0);
+        }
+    }
+    ~Session() {
+        if (h == nullptr) return;
+        EXPECT_EQ(KRTokenUnLock(h), 0);
+        EXPECT_EQ(KRTokenUnbind(h), 0);
+    }
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
+    __tag_HToken* h = nullptr;
+};
+
+// How often `what` stands in `text`, e.g. command lines in an APDU log.
+inline int count(const std::string& text, const std::string& what) {
+    int n = 0;
+    for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
+        ++n;
+    return n;
+}
+
+}  // namespace krfs::e2e
