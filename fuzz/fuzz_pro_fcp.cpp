@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "fuzz_check.h"
+#include "fuzz_sender.h"
 #include "libapdu/applet.h"
 #include "libapdu/error.h"
 #include "token/appfs/fs_pro.h"
@@ -14,17 +15,6 @@
 namespace {
 
 using namespace libapdu;
-
-class AnswerSender : public ISender {
-public:
-    TBytes answer;
-    void send(const TBytes&, TBytes& response) override {
-        // The reader gives no more than the buffer holds.
-        const std::size_t n = answer.size() < response.size() ? answer.size() : response.size();
-        response.assign(answer.begin(), answer.begin() + n);
-    }
-    TBytes atr() override { return {}; }
-};
 
 class FuzzApplet : public IApplet {
 public:

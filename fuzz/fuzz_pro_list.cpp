@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "fuzz_check.h"
+#include "fuzz_sender.h"
 #include "libapdu/applet.h"
 #include "libapdu/error.h"
 #include "token/appfs/fs_pro.h"
@@ -34,8 +35,7 @@ public:
             answer.push_back(0x90);
             answer.push_back(0x00);
         }
-        const std::size_t n = answer.size() < response.size() ? answer.size() : response.size();
-        response.assign(answer.begin(), answer.begin() + n);
+        AnswerSender::give(answer, response);
     }
     TBytes atr() override { return {}; }
 };

@@ -8,6 +8,7 @@
 
 #include "crypto/token_crypto.h"
 #include "fuzz_check.h"
+#include "fuzz_sender.h"
 #include "libapdu/applet.h"
 #include "libapdu/error.h"
 #include "libapdu/exception.h"
@@ -22,17 +23,6 @@ const TBytes kMacKey = {0x01, 0x23, 0x45, 0x67, 0x89, 0xAB, 0xCD, 0xEF, 0xFE, 0x
 const TBytes kEncKey = {0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88, 0x99, 0xAA, 0xBB, 0xCC,
                         0xDD, 0xEE, 0xFF, 0x00, 0x0F, 0x1E, 0x2D, 0x3C, 0x4B, 0x5A, 0x69, 0x78};
 const TBytes kCommand = {0x00, 0xB0, 0x00, 0x00, 0x10};
-
-class AnswerSender : public ISender {
-public:
-    TBytes answer;
-    void send(const TBytes&, TBytes& response) override {
-        // The reader gives no more than the buffer holds.
-        const std::size_t n = answer.size() < response.size() ? answer.size() : response.size();
-        response.assign(answer.begin(), answer.begin() + n);
-    }
-    TBytes atr() override { return {}; }
-};
 
 class FuzzApplet : public IApplet {
 public:
