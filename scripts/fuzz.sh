@@ -18,7 +18,7 @@ if ! [[ $seconds =~ ^[1-9][0-9]*$ ]]; then
     exit 2
 fi
 
-cmake -S "$root" -B "$build" -G Ninja -DKRFS_FUZZ=ON \
+cmake -S "$root" -B "$build" -G Ninja -DKRFS_FUZZ=ON -DKRFS_WERROR="${KRFS_WERROR:-OFF}" \
     -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ >/dev/null
 ninja -C "$build"
 

@@ -67,8 +67,8 @@ CFileInfo parseControlData(const TBytes& response, unsigned char sizeTag) {
 }
 
 TBytes accessBytes(unsigned char first, unsigned char rest, int restCount) {
-    TBytes out{first};
-    out.insert(out.end(), restCount, rest);
+    TBytes out(1 + restCount, rest);
+    out[0] = first;
     return out;
 }
 

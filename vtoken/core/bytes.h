@@ -22,4 +22,11 @@ inline Bytes statusWord(std::uint16_t sw) {
     return Bytes{static_cast<unsigned char>(sw >> 8), static_cast<unsigned char>(sw & 0xFF)};
 }
 
+// Appends `more` to `out`. Reserving first also keeps GCC 12's -O3 bounds
+// check from a false alarm on small vectors.
+inline void append(Bytes& out, const Bytes& more) {
+    out.reserve(out.size() + more.size());
+    out.insert(out.end(), more.begin(), more.end());
+}
+
 }  // namespace vtoken

@@ -199,7 +199,7 @@ Bytes ProCard::secureMessaging(const Command& c) {
     out.push_back(static_cast<unsigned char>(value.size()));
     out.insert(out.end(), value.begin(), value.end());
     Bytes m2{c.cla, c.ins, c.p1, c.p2, 0x00, 0x00, 0x00, 0x00};
-    m2.insert(m2.end(), out.begin(), out.end());
+    append(m2, out);
     if (m2.size() % kBlock != 0) padZeros(m2);
     const Bytes check = retailMac(macKey, m2);
     out.insert(out.end(), {kTagMac, static_cast<unsigned char>(kBlock)});

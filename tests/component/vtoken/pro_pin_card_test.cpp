@@ -17,6 +17,7 @@
 namespace {
 
 using vtoken::Bytes;
+using vtoken::append;
 using vtoken::fromHex;
 using namespace vtoken::pro;
 
@@ -106,7 +107,7 @@ Bytes challenge(ProCard& card) {
 
 Bytes authenticate(ProCard& card, unsigned char reference, const Bytes& answer) {
     Bytes apdu{0x00, 0x82, 0x00, reference, 0x08};
-    apdu.insert(apdu.end(), answer.begin(), answer.end());
+    append(apdu, answer);
     return send(card, apdu);
 }
 

@@ -10,6 +10,7 @@
 
 #include <functional>
 
+#include "libapdu/apdu.h"
 #include "libapdu/exception.h"
 #include "oracle.h"
 
@@ -106,12 +107,12 @@ TEST(RsaHelpers, FirstByteIsDroppedEvenWithoutALeadingZero) {
     // A hand-built skeleton: SEQ { SEQ { SEQ SEQ SEQ SEQ SEQ{ SEQ BITSTRING } } }.
     const TBytes modulus = hex("7F112233");
     TBytes rsaKey = hex("30090204");
-    rsaKey.insert(rsaKey.end(), modulus.begin(), modulus.end());
+    rsaKey << modulus;
     rsaKey.insert(rsaKey.end(), {0x02, 0x01, 0x03});
     TBytes bitString{0x03, static_cast<unsigned char>(rsaKey.size() + 1), 0x00};
-    bitString.insert(bitString.end(), rsaKey.begin(), rsaKey.end());
+    bitString << rsaKey;
     TBytes spki{0x30, static_cast<unsigned char>(bitString.size() + 2), 0x30, 0x00};
-    spki.insert(spki.end(), bitString.begin(), bitString.end());
+    spki << bitString;
     TBytes tbs =
         hex("A003020102"
             "020101"
@@ -119,11 +120,11 @@ TEST(RsaHelpers, FirstByteIsDroppedEvenWithoutALeadingZero) {
             "3000"
             "3000"
             "3000");
-    tbs.insert(tbs.end(), spki.begin(), spki.end());
+    tbs << spki;
     TBytes tbsSeq{0x30, static_cast<unsigned char>(tbs.size())};
-    tbsSeq.insert(tbsSeq.end(), tbs.begin(), tbs.end());
+    tbsSeq << tbs;
     TBytes certificate{0x30, static_cast<unsigned char>(tbsSeq.size())};
-    certificate.insert(certificate.end(), tbsSeq.begin(), tbsSeq.end());
+    certificate << tbsSeq;
     EXPECT_EQ(extractPublicKeyFromCert(certificate), hex("112233"));
 }
 
