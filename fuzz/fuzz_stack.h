@@ -1,0 +1,95 @@
+// The whole-stack fuzz harness: an in-process card whose answers come from the
+// fuzz input, bound through libapdu, then worked as an application would.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "fuzz_check.h"
+#include "fuzz_sender.h"
+#include "libapdu/exception.h"
+#include "libapdu/token.h"
+
+namespace fuzz_stack {
+
+using namespace libapdu;
+
+// Each answer is a length byte and that many bytes of the input; once the
+// input runs out the card answers nothing at all.
+class InputCard : public ISender {
+public:
+    InputCard(TBytes atr, const uint8_t* data, size_t size) : atr_(std::move(atr)) {
+        for (size_t at = 0; at < size;) {
+            const size_t n = data[at++];
+            const size_t take = n < size - at ? n : size - at;
+            answers_.emplace_back(data + at, data + at + take);
+            at += take;
+        }
+    }
+    void send(const TBytes&, TBytes& response) override {
+        AnswerSender::give(next_ < answers_.size() ? answers_[next_++] : TBytes(), response);
+    }
+    TBytes atr() override { return atr_; }
+
+private:
+    TBytes atr_;
+    std::vector<TBytes> answers_;
+    size_t next_ = 0;
+};
+
+// Runs one step; a failure the library reports is an answer, not a finding.
+template <class F>
+void step(F&& f) {
+    try {
+        f();
+    } catch (const IException&) {
+    } catch (const CAException&) {
+    }
+}
+
+// Reads every file and lists every directory below `path`, within limits that
+// keep one input's work small.
+inline void walk(IToken& token, TPath path, int depth, int& budget) {
+    if (depth > 3 || --budget < 0) return;
+    step([&] {
+        token.fs()->select(path);
+        const CFileInfo info = token.fs()->info();
+        FUZZ_CHECK(info.type <= 2);
+        if (info.type != 2) {
+            TBytes data(info.size < 1024 ? info.size : 1024);
+            token.fs()->read(data, 0);
+            FUZZ_CHECK(data.size() == (info.size < 1024 ? info.size : 1024));
+            return;
+        }
+        for (unsigned char kind : {2, 1}) {
+            const TPath children = token.fs()->list(kind);
+            for (WORD id : children) {
+                path.push_back(id);
+                walk(token, path, depth + 1, budget);
+                path.pop_back();
+            }
+        }
+    });
+}
+
+// Binds to `applet` on a card with `atr` answering from the input, then the
+// identifier, the label, a login, the tree and a PIN change.
+inline void run(const TBytes& atr, unsigned short applet, const uint8_t* data, size_t size) {
+    std::unique_ptr<ISender> card(new InputCard(atr, data, size));
+    std::unique_ptr<IToken> token = IToken::create(card);
+    step([&] { token->selectApplet(applet); });
+    const TBytes pin{'1', '2', '3', '4', '5', '6'};
+    step([&] { token->info()->id(1); });
+    step([&] { token->label()->read(); });
+    step([&] { token->pin()->select(token->pin()->pathUser()); });
+    step([&] { token->pin()->login(pin); });
+    int budget = 64;
+    walk(*token, {}, 0, budget);
+    step([&] { token->label()->write({'f', 'u', 'z', 'z'}); });
+    step([&] { token->pin()->change(pin); });
+    step([&] { token->pin()->logout(); });
+}
+
+}  // namespace fuzz_stack
