@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include "e2e/api_session.h"
 #include "harness/harness.h"
@@ -19,6 +20,7 @@
 namespace {
 
 using namespace krfs::harness;
+using krfs::e2e::count;
 using krfs::e2e::Session;
 
 const Bytes kR2Atr{0x3B, 0x81, 0x1F, 0x00, 0xCC, 0x52};
@@ -144,9 +146,21 @@ TEST_F(R2Shim, ReconnectsAfterResets) {
     Connection connection(card.reader());
     ASSERT_PCSC(SCARD_S_SUCCESS, connection.status());
     Bytes response;
-    for (DWORD initialization : {SCARD_RESET_CARD, SCARD_UNPOWER_CARD, SCARD_LEAVE_CARD}) {
-        SCOPED_TRACE("initialization " + std::to_string(initialization));
-        ASSERT_PCSC(SCARD_S_SUCCESS, connection.reconnect(initialization));
+    // The card's log shows each power event: once, as asked.
+    const auto events = [&] {
+        const std::string log = card.log();
+        return std::make_pair(count(log, "\n> 02\n"), count(log, "\n> 00\n"));
+    };
+    const struct {
+        DWORD initialization;
+        int resets, powerOffs;
+    } cases[] = {{SCARD_RESET_CARD, 1, 0}, {SCARD_UNPOWER_CARD, 0, 1}, {SCARD_LEAVE_CARD, 0, 0}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE("initialization " + std::to_string(c.initialization));
+        const auto before = events();
+        ASSERT_PCSC(SCARD_S_SUCCESS, connection.reconnect(c.initialization));
+        EXPECT_EQ(events().first - before.first, c.resets);
+        EXPECT_EQ(events().second - before.second, c.powerOffs);
         EXPECT_EQ(connection.protocol(), DWORD{SCARD_PROTOCOL_T1});
         EXPECT_EQ(statusProtocol(connection.handle()), DWORD{SCARD_PROTOCOL_T1});
         ASSERT_PCSC(SCARD_S_SUCCESS, connection.transmit(kReadConfig, response));
@@ -159,6 +173,14 @@ TEST_F(R2Shim, ReconnectsAfterResets) {
     EXPECT_EQ(connection.protocol(), DWORD{SCARD_PROTOCOL_T1});
     ASSERT_PCSC(SCARD_S_SUCCESS, connection.transmit(kReadConfig, response));
     EXPECT_EQ(response, kConfig);
+
+    // Asked for RAW, the caller gets it and speaks RAW itself.
+    DWORD active = 0;
+    ASSERT_PCSC(SCARD_S_SUCCESS, SCardReconnect(connection.handle(), SCARD_SHARE_SHARED,
+                                                SCARD_PROTOCOL_RAW, SCARD_LEAVE_CARD, &active));
+    EXPECT_EQ(active, DWORD{SCARD_PROTOCOL_RAW});
+    EXPECT_EQ(statusProtocol(connection.handle()), DWORD{SCARD_PROTOCOL_RAW});
+    EXPECT_PCSC(SCARD_E_PROTO_MISMATCH, transmitWith(SCARD_PCI_T1, connection.handle(), response));
 }
 
 // A text getter's value, asked for its size first as an application does.
