@@ -9,6 +9,7 @@
 #include <PCSC/winscard.h>
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <map>
 #include <mutex>
 
@@ -47,15 +48,15 @@ DWORD told(SCARDHANDLE card) {
 // them, so the shim leaves such a card alone.
 bool offersT0OrT1(const BYTE* atr, DWORD length) {
     DWORD at = 1;  // T0, the format byte, comes after TS
-    bool first = true;
+    bool sawTd = false;
     while (at < length) {
         const BYTE y = atr[at];
         at += 1 + ((y >> 4) & 1) + ((y >> 5) & 1) + ((y >> 6) & 1);  // past TAi, TBi, TCi
-        if ((y & 0x80) == 0) return first;
+        if ((y & 0x80) == 0) return !sawTd;
         if (at >= length) return true;
         const BYTE protocol = atr[at] & 0x0F;
         if (protocol == 0 || protocol == 1) return true;
-        first = false;
+        sawTd = true;
     }
     return true;
 }
@@ -82,7 +83,7 @@ LONG SCardConnect(SCARDCONTEXT context, LPCSTR reader, DWORD share, DWORD prefer
     state.szReader = reader;
     state.dwCurrentState = SCARD_STATE_UNAWARE;
     if (SCardGetStatusChange(context, 0, &state, 1) != SCARD_S_SUCCESS ||
-        offersT0OrT1(state.rgbAtr, state.cbAtr))
+        offersT0OrT1(state.rgbAtr, std::min<DWORD>(state.cbAtr, sizeof state.rgbAtr)))
         return rv;
     DWORD raw = 0;
     if (next(context, reader, share, SCARD_PROTOCOL_RAW, card, &raw) != SCARD_S_SUCCESS) return rv;
