@@ -244,7 +244,6 @@ Bytes R2Card::changePin(const Command& c) {
     const std::size_t n = c.data.size() - 1;
     if (n < kPinMin || n > kPinMax) return answer(sw::kWrongData);
     state_.pin.value.assign(c.data.begin() + 1, c.data.end());
-    state_.pin.tries = state_.pin.maxTries;
     changed_ = true;
     return answer(sw::kOk);
 }
