@@ -27,6 +27,7 @@ const char kUsage[] =
     "  init     make a token and write its state file\n"
     "  serve    attach a card to a vpcd reader slot and answer it until stopped\n"
     "  show     print a token's state: identity, file tree, access, PIN objects\n"
+    "           (R2: private flags, PIN tries, label)\n"
     "  help     show this text\n"
     "\n"
     "init options:\n"
@@ -35,14 +36,22 @@ const char kUsage[] =
     "  --dialect D       pro (default) or r2\n"
     "  --model M         pro16, pro32, pro42 (default) or pro42b\n"
     "  --fips            FIPS layout: home 3F00 6666 5000, no administrator PIN\n"
-    "  --label TEXT      token label, UTF-8, at most 32 bytes\n"
-    "  --user-pin PIN    default 1234567890\n"
+    "  --label TEXT      token label, UTF-8, at most 32 bytes (R2: no zero\n"
+    "                    byte; kept in file 3F00 8000 AAAA, public, exactly as\n"
+    "                    long as the label)\n"
+    "  --user-pin PIN    default 1234567890 (R2: 4 to 16 bytes)\n"
     "  --admin-pin PIN   default: the user PIN (not with --fips)\n"
     "  --id HEX          4-byte identifier; default random\n"
     "  --colour N        colour code 0 to 255 (default 0)\n"
     "  --life-cycle HEX  the life cycle byte (default 10)\n"
+    "  --memory-total N  R2: memory in bytes, up to 65535 (default 32768). Free\n"
+    "                    memory is derived, not given: the total less an eighth\n"
+    "                    kept by the card's system, less 16 bytes per node and\n"
+    "                    each file's size; creating and deleting keep it so\n"
+    "  --pin-tries N     R2: wrong PINs before the PIN blocks, 1 to 255\n"
+    "                    (default 10); a right PIN restores them\n"
     "  --force           replace an existing state file\n"
-    "  An R2 token takes --id and --colour only.\n"
+    "  An R2 token takes no --model, --fips, --admin-pin or --life-cycle.\n"
     "\n"
     "serve options:\n"
     "  --port N       vpcd port of the slot (default 35963, the first slot;\n"
@@ -89,6 +98,11 @@ const char kUsage[] =
     "FIPS the MD5 key, in FIPS the PKCS#12 key salted by the counter file),\n"
     "and its retry counter (\"tries\", \"max_tries\"; 0 tries is blocked).\n"
     "An object given as \"pin\" (older files) gets its key when loaded.\n"
+    "An R2 token keeps its identifier, version, memory_total, memory_free\n"
+    "(the card's counter), colour, faults, \"user_pin\" (the PIN's bytes in\n"
+    "hex, tries, max_tries) and the tree under \"root\" (3F00): each node with\n"
+    "id, type, a file's private flag and data, a directory's children. A file\n"
+    "without a tree or PIN gets an empty root and PIN 1234567890.\n"
     "\n"
     "runtime control (signals):\n"
     "  SIGUSR1          vanish: drop the vpcd connection, as a card removal\n"
@@ -165,8 +179,10 @@ int init(const std::vector<std::string>& args) {
     std::string path, dialect = "pro";
     bool force = false;
     vtoken::pro::Personalisation p;
+    vtoken::r2::Personalisation r2;
     std::optional<unsigned char> lifeCycle;
-    bool proOnly = false;
+    // Options one dialect takes and the other refuses.
+    std::string proOnly, r2Only;
     try {
         Options o(args);
         while (o.next()) {
@@ -179,26 +195,34 @@ int init(const std::vector<std::string>& args) {
                 auto m = vtoken::pro::modelByName(o.value());
                 if (!m) throw std::invalid_argument("model: pro16, pro32, pro42 or pro42b");
                 p.model = *m;
-                proOnly = true;
+                proOnly = a;
             } else if (a == "--fips") {
-                p.fips = proOnly = true;
+                p.fips = true;
+                proOnly = a;
             } else if (a == "--label") {
                 p.label = o.value();
-                proOnly = true;
+                r2.label = p.label;
             } else if (a == "--user-pin") {
-                p.userPin = o.value();
-                proOnly = true;
+                p.userPin = r2.userPin = o.value();
             } else if (a == "--admin-pin") {
                 p.adminPin = o.value();
-                proOnly = true;
+                proOnly = a;
             } else if (a == "--id") {
                 p.id = vtoken::fromHex(o.value());
                 if (p.id->size() != 4) throw std::invalid_argument("--id takes 4 bytes");
+                r2.id = p.id;
             } else if (a == "--colour") {
-                p.colour = static_cast<unsigned char>(number(o.value(), 255, "colour"));
+                p.colour = r2.colour = static_cast<unsigned char>(number(o.value(), 255, "colour"));
             } else if (a == "--life-cycle") {
                 lifeCycle = hexByte(o.value(), "--life-cycle");
-                proOnly = true;
+                proOnly = a;
+            } else if (a == "--memory-total") {
+                r2.memoryTotal = static_cast<std::uint16_t>(number(o.value(), 0xFFFF, a));
+                r2Only = a;
+            } else if (a == "--pin-tries") {
+                r2.maxTries = static_cast<unsigned char>(number(o.value(), 255, a));
+                if (r2.maxTries == 0) throw std::invalid_argument("--pin-tries counts from 1");
+                r2Only = a;
             } else if (a == "--force") {
                 force = true;
             } else {
@@ -207,26 +231,25 @@ int init(const std::vector<std::string>& args) {
         }
         if (path.empty()) throw std::invalid_argument("init needs --state");
         if (dialect != "pro" && dialect != "r2") throw std::invalid_argument("dialect: pro or r2");
-        if (dialect == "r2" && proOnly)
-            throw std::invalid_argument("an R2 token takes --id and --colour only");
+        if (dialect == "r2" && !proOnly.empty())
+            throw std::invalid_argument("an R2 token takes no " + proOnly);
+        if (dialect == "pro" && !r2Only.empty())
+            throw std::invalid_argument(r2Only + " is for R2 tokens");
     } catch (const std::invalid_argument& e) {
         return usageError(e.what());
     }
 
     std::string text;
-    if (dialect == "pro") {
-        try {
+    try {
+        if (dialect == "pro") {
             vtoken::pro::ProState state = vtoken::pro::personalise(p);
             if (lifeCycle) state.lifeCycle = *lifeCycle;
             text = vtoken::pro::toJsonText(state);
-        } catch (const std::invalid_argument& e) {
-            return usageError(e.what());
+        } else {
+            text = vtoken::r2::toJsonText(vtoken::r2::personalise(r2));
         }
-    } else {
-        vtoken::r2::R2State state;
-        if (p.id) state.id = *p.id;
-        state.colour = p.colour;
-        text = vtoken::r2::toJsonText(state);
+    } catch (const std::invalid_argument& e) {
+        return usageError(e.what());
     }
     try {
         vtoken::writeNewState(path, text, force);

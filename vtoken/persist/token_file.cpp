@@ -26,6 +26,10 @@ StoredToken::StoredToken(std::string path) : path_(std::move(path)) {
             });
         } else if (dialect_ == "r2") {
             r2_ = std::make_unique<r2::R2Card>(r2::fromJsonText(text));
+            const std::string file = path_;
+            r2_->setOnChange([file](const r2::R2State& state) {
+                writeFileAtomically(file, r2::toJsonText(state));
+            });
         } else {
             throw std::invalid_argument("dialect: pro or r2");
         }

@@ -1,38 +1,31 @@
-// The virtual R2 token, as far as the host reads it now: its ATR and the
-// configuration block. R2 cards send status words low byte first.
+// The virtual R2 token: a small file tree addressed by whole paths, one user
+// PIN, and a configuration block. Every number in its commands and answers
+// is little endian, and so is the status word: 9000 goes as 00 90.
+//
+// The card's own status words, beside the ISO ones:
+//   6406  refused on this node: create in or list a file, read or write a
+//         directory, delete the root, a non-empty directory or a node of
+//         another type than the command names
+//   6407  no such node (select)
+//   6408  the identifier exists in this directory (create)
+//   6416  wrong PIN; the retry counter went down
+// Access: reading a private file, writing, creating and deleting need the
+// user PIN verified in this session, else 6982; a blocked PIN answers 6983.
 #pragma once
 
 #include "core/apdu.h"
 #include "core/card.h"
-#include "core/faults.h"
+#include "r2/r2_state.h"
 
-#include <cstdint>
-#include <string>
-#include <string_view>
+#include <functional>
 
 namespace vtoken::r2 {
 
-// The R2 ATR announces T=15 only, which pcscd will not connect with T=0 or
-// T=1: this card serves in process, through CardSender.
-const Bytes& atr();
-
-struct R2State {
-    Bytes id{0x00, 0x00, 0x00, 0x01};  // 4 bytes
-    Bytes version{0x02, 0x01};         // 2 bytes
-    std::uint16_t memoryTotal = 0x8000;
-    std::uint16_t memoryFree = 0x7000;
-    unsigned char colour = 0;
-    Faults faults;
-
-    // The 20-byte block: identifier, version, total memory (little endian),
-    // eight reserved bytes, free memory (little endian), colour, a zero.
-    Bytes configBlock() const;
+// What a power-up or reset clears.
+struct Session {
+    Path selected;  // below the root; empty: the root
+    bool verified = false;
 };
-
-std::string toJsonText(const R2State& state);
-// Throws std::invalid_argument naming the fault.
-R2State fromJsonText(std::string_view text);
-std::string describe(const R2State& state);
 
 class R2Card : public ICard {
 public:
@@ -41,12 +34,40 @@ public:
     Bytes atr() const override { return r2::atr(); }
     bool statusLowByteFirst() const override { return true; }
     Bytes process(const Bytes& command) override;
+    void powerOn() override { session_ = {}; }
+    void powerOff() override { session_ = {}; }
+    void reset() override { session_ = {}; }
 
     const R2State& state() const { return state_; }
+    // For tests and personalisation: changes here are not announced.
     R2State& state() { return state_; }
+    const Session& session() const { return session_; }
+
+    // Called with the new state after each command that changed it.
+    void setOnChange(std::function<void(const R2State&)> onChange) {
+        onChange_ = std::move(onChange);
+    }
 
 private:
+    Bytes dispatch(const Command& c);
+    Bytes select(const Command& c);
+    Bytes create(const Command& c);
+    Bytes remove(const Command& c);
+    Bytes list(const Command& c);
+    Bytes read(const Command& c);
+    Bytes write(const Command& c);
+    Bytes verify(const Command& c);
+    Bytes changePin(const Command& c);
+    Bytes logout(const Command& c);
+    Bytes config(const Command& c);
+
+    // The selected node; the root if a test edited the tree under it.
+    Node& selected();
+
     R2State state_;
+    Session session_;
+    bool changed_ = false;
+    std::function<void(const R2State&)> onChange_;
 };
 
 }  // namespace vtoken::r2
