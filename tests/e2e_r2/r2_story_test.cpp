@@ -199,4 +199,35 @@ TEST(R2Story, RemovalMidSessionFailsCleanlyAndRebindRecovers) {
     EXPECT_EQ(KRDirClose(root), 0);
 }
 
+// The krfs tool's tour of an R2 token; the shim comes to it through the
+// environment, as it would from a developer's shell.
+TEST(R2Story, TheKrfsToolWorksTheToken) {
+    Pcscd pcscd;
+    VToken card(pcscd, 0, r2Token());
+    TempDir tmp("krfs-r2-cli");
+    std::string content(500, '\0');
+    for (std::size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>('a' + i % 26);
+    writeFile(tmp.file("notes"), content);
+    const auto krfs = [&](const std::string& args, int status) {
+        const std::string command = "KRFS_PIN=1234 " KRFS_CLI_PATH " " + args + " >" +
+                                    tmp.file("out") + " 2>" + tmp.file("err");
+        const int raw = std::system(command.c_str());
+        EXPECT_EQ(WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, status) << args << "\n"
+                                                                  << readFile(tmp.file("err"));
+        return readFile(tmp.file("out")) + readFile(tmp.file("err"));
+    };
+    const std::string login = "--login --pin-env KRFS_PIN --vendor F001 ";
+
+    EXPECT_NE(krfs("info", 0).find("r2 token"), std::string::npos);
+    krfs(login + "put " + tmp.file("notes") + " 0001", 0);
+    EXPECT_EQ(krfs("--vendor F001 cat 0001", 0), content);
+    const std::string tree = krfs("ls -l -R", 0);
+    for (const char* name : {"8000", "AAAA", "E001", "0001"})
+        EXPECT_NE(tree.find(name), std::string::npos) << name << " in\n" << tree;
+    EXPECT_NE(tree.find("500"), std::string::npos) << tree;
+    EXPECT_NE(krfs("--vendor F001 rm 0001", 1).find("0x86E06900"), std::string::npos);
+    krfs(login + "rm 0001", 0);
+    EXPECT_NE(krfs("--vendor F001 cat 0001", 1).find("0x86E06A82"), std::string::npos);
+}
+
 }  // namespace

@@ -29,11 +29,19 @@ struct Work {
         if (c.login) {
             const std::string pin = readPin(c.pin, "PIN: ");
             check(KRTokenLogin(session.token(), pin.c_str()), "logging in");
+            loggedIn = true;
         }
     }
+    // Some tokens keep a login until they lose power: leave none behind.
+    ~Work() {
+        if (loggedIn) KRTokenLogout(session.token());
+    }
+    Work(const Work&) = delete;
+    Work& operator=(const Work&) = delete;
     Dir dir(unsigned vendor, const std::vector<WORD>& path) const {
         return openDir(session, vendor, path);
     }
+    bool loggedIn = false;
 };
 
 class Progress {
