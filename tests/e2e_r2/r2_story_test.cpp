@@ -208,8 +208,8 @@ TEST(R2Story, TheKrfsToolWorksTheToken) {
     std::string content(500, '\0');
     for (std::size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>('a' + i % 26);
     writeFile(tmp.file("notes"), content);
-    const auto krfs = [&](const std::string& args, int status) {
-        const std::string command = "KRFS_PIN=1234 " KRFS_CLI_PATH " " + args + " >" +
+    const auto krfs = [&](const std::string& args, int status, const std::string& env = "") {
+        const std::string command = env + " KRFS_PIN=1234 " KRFS_CLI_PATH " " + args + " >" +
                                     tmp.file("out") + " 2>" + tmp.file("err");
         const int raw = std::system(command.c_str());
         EXPECT_EQ(WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, status) << args << "\n"
@@ -219,6 +219,10 @@ TEST(R2Story, TheKrfsToolWorksTheToken) {
     const std::string login = "--login --pin-env KRFS_PIN --vendor F001 ";
 
     EXPECT_NE(krfs("info", 0).find("r2 token"), std::string::npos);
+    EXPECT_NE(krfs("info", 0).find("Identifier: a1b2c3d4\nModel: Qntoken\n"), std::string::npos);
+    // Without the shim pcsc-lite refuses the card.
+    EXPECT_NE(krfs("info", 1, "env -u LD_PRELOAD").find("0x8010000F: PC/SC failure"),
+              std::string::npos);
     krfs(login + "put " + tmp.file("notes") + " 0001", 0);
     EXPECT_EQ(krfs("--vendor F001 cat 0001", 0), content);
     const std::string tree = krfs("ls -l -R", 0);

@@ -1,17 +1,15 @@
 // R2 tokens end to end. pcsc-lite refuses a T=0/T=1 connection to their
 // T=15 ATR; CTest preloads libkrfs-pcsc-shim into these tests, which carries
-// them over RAW. The shim at the PC/SC level first, then the exported API.
+// them over RAW. The shim at the PC/SC level; r2_story_test.cpp goes through
+// the exported API.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <utility>
 
 #include "e2e/api_session.h"
 #include "harness/harness.h"
-#include "krfs.h"
 
 #ifndef KRFS_PCSC_SHIM_PATH
 #error "KRFS_PCSC_SHIM_PATH names libkrfs-pcsc-shim.so"
@@ -21,7 +19,6 @@ namespace {
 
 using namespace krfs::harness;
 using krfs::e2e::count;
-using krfs::e2e::Session;
 
 const Bytes kR2Atr{0x3B, 0x81, 0x1F, 0x00, 0xCC, 0x52};
 const std::string kId = "CAFE0042";
@@ -69,12 +66,6 @@ protected:
 
     Pcscd pcscd;
     VToken card{pcscd, 0, r2Token()};
-};
-
-// ... and a session of the library bound to it.
-class R2Session : public R2Card {
-protected:
-    Session session{card.reader()};
 };
 
 using R2Shim = R2Card;
@@ -181,57 +172,6 @@ TEST_F(R2Shim, ReconnectsAfterResets) {
     EXPECT_EQ(active, DWORD{SCARD_PROTOCOL_RAW});
     EXPECT_EQ(statusProtocol(connection.handle()), DWORD{SCARD_PROTOCOL_RAW});
     EXPECT_PCSC(SCARD_E_PROTO_MISMATCH, transmitWith(SCARD_PCI_T1, connection.handle(), response));
-}
-
-// A text getter's value, asked for its size first as an application does.
-std::string text(long (*get)(__tag_HToken*, char*, DWORD*), __tag_HToken* h) {
-    DWORD size = 0;
-    EXPECT_EQ(get(h, nullptr, &size), 0);
-    std::string value(size + 1, '\0');
-    size = static_cast<DWORD>(value.size());
-    EXPECT_EQ(get(h, value.data(), &size), 0);
-    return value.c_str();
-}
-
-TEST_F(R2Session, IdentifierAndModel) {
-    ASSERT_NE(session.h, nullptr);
-    TempDir dir("krfs-e2e-r2");
-    const std::string log = dir.file("apdu.log");
-    KREnableLogging(log.c_str());
-    EXPECT_EQ(text(KRTokenIDGet, session.h), "cafe0042");
-    KRDisableLogging();
-    EXPECT_EQ(text(KRTokenModelGet, session.h), "Qntoken");
-
-    // One exchange per call, the status word low byte first.
-    const std::string exchange =
-        "C-APDU: 00 DA 00 00 01 00 00 \n"
-        "R-APDU: CA FE 00 42 02 01 00 80 00 00 00 00 00 00 00 00 00 70 00 00 00 90 \n";
-    EXPECT_EQ(readFile(log), exchange + exchange);
-}
-
-TEST_F(R2Card, TheCliBindsOnlyWithTheShim) {
-    TempDir dir("krfs-e2e-r2-cli");
-    const struct {
-        const char* env;
-        int status;
-        const char* out;
-        const char* err;
-    } cases[] = {
-        {"", 0, "Identifier: cafe0042\nModel: Qntoken\n", ""},
-        {"env -u LD_PRELOAD", 1, "",
-         "krfs: binding to 'Virtual PCD 00 00': 0x8010000F: PC/SC failure\n"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.env);
-        const std::string command = std::string(c.env) + " " KRFS_CLI_PATH " info >" +
-                                    dir.file("out") + " 2>" + dir.file("err");
-        const int raw = std::system(command.c_str());
-        EXPECT_EQ(WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, c.status);
-        const std::string out = readFile(dir.file("out"));
-        EXPECT_EQ(out.empty(), c.status != 0) << out;
-        EXPECT_NE(out.find(c.out), std::string::npos) << out;
-        EXPECT_EQ(readFile(dir.file("err")), c.err);
-    }
 }
 
 }  // namespace
