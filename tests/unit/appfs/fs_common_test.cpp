@@ -1,3 +1,5 @@
+// The chunk loops of the file-system base and the helpers that compose whole
+// operations from IAppFS calls.
 #include "token/appfs/fs_common.h"
 
 #include <gtest/gtest.h>
@@ -21,7 +23,7 @@ struct BlockRecorder : CFSCommon {
     void read_bit(TBytes& data, WORD offset) override {
         blocks.push_back({data.size(), offset});
         for (std::size_t i = 0; i < data.size(); ++i) data[i] = (offset + i) & 0xFF;
-        if (grow) data.resize(data.size() + 8, 0xCC);
+        data.resize(data.size() + 8, 0xCC);  // more than asked: the loop must cut it
     }
     void write_bit(const TBytes& data, WORD offset) override {
         if (blocks.size() == failAt) APDU_RAISE(0x6581);
@@ -33,10 +35,9 @@ struct BlockRecorder : CFSCommon {
     Blocks blocks;
     TBytes written;
     std::size_t failAt = 99;
-    bool grow = false;
 };
 
-TEST(ChunkLoop, ReadAndWriteCutTheSameBlocks) {
+TEST(ChunkLoop, ReadAndWriteCutTheSameBlocksRefuseWrapAndStopAtAFailure) {
     const struct {
         WORD bitSize;
         std::size_t length;
@@ -57,13 +58,11 @@ TEST(ChunkLoop, ReadAndWriteCutTheSameBlocks) {
         writer.write(source, r.offset);
         EXPECT_EQ(reader.blocks, r.blocks);
         EXPECT_EQ(writer.blocks, r.blocks);
+        ASSERT_EQ(data.size(), r.length);
         if (r.blocks.empty()) continue;
         for (std::size_t i = 0; i < r.length; ++i) ASSERT_EQ(data[i], (r.offset + i) & 0xFF);
         EXPECT_EQ(writer.written, source);
     }
-}
-
-TEST(ChunkLoop, RefusesWrapStopsAtFailureNeverOverruns) {
     BlockRecorder fs(255);
     TBytes data(0x20);
     EXPECT_EQ(failureCode([&] { fs.read(data, 0xFFF0); }), code(0x6282));
@@ -71,28 +70,17 @@ TEST(ChunkLoop, RefusesWrapStopsAtFailureNeverOverruns) {
     fs.failAt = 1;
     EXPECT_EQ(failureCode([&] { fs.write(TBytes(600), 0); }), code(0x6581));
     EXPECT_EQ(fs.blocks, (Blocks{{255, 0}}));
-    BlockRecorder growing(255);  // a driver handing back more than asked
-    growing.grow = true;
-    TBytes big(300);
-    growing.read(big, 0);
-    EXPECT_EQ(big.size(), 300u);
-    EXPECT_EQ(big[299], 299 & 0xFF);
-}
-
-TEST(ValidName, RefusesOnlyTheFourReservedIdentifiers) {
     for (WORD id : {0x0000, 0xFFFF, 0x3FFF, 0x3F00})
         EXPECT_EQ(failureCode([&] { CFSCommon::valid_name(id); }), code(0x6900)) << id;
     for (WORD id : {0x0001, 0x3F01, 0x3EFF, 0xFFFE})
         EXPECT_EQ(failureCode([&] { CFSCommon::valid_name(id); }), 0) << id;
 }
 
-// A tree in memory that logs each call, so tests state the call order.
+// A tree in memory that logs each call, so the test states the call order.
 struct TreeFS : IAppFS {
     std::set<TPath> files, dirs;
     TPath current;
     Log log;
-    TBytes content;
-
     static std::string name(const TPath& p) {
         std::string s;
         for (WORD id : p) s += "/" + std::to_string(id);
@@ -104,21 +92,16 @@ struct TreeFS : IAppFS {
         current = p;
     }
     void create(WORD id, CFileInfo i) override {
-        log.push_back("create " + std::to_string(id) + " " + std::to_string(i.type) +
-                      std::to_string(i.read) + std::to_string(i.write));
+        log.push_back("create " + std::to_string(id) + " " + std::to_string(i.type));
         TPath child = current;
         child.push_back(id);
         (i.type == 2 ? dirs : files).insert(child);
     }
     void remove() override {
         log.push_back("remove " + name(current));
-        files.erase(current);
-        dirs.erase(current);
+        files.erase(current), dirs.erase(current);
     }
-    CFileInfo info() override {
-        log.push_back("info");
-        return files.count(current) ? CFileInfo(1, 3, 0, 0) : CFileInfo(2, 0, 0, 0);
-    }
+    CFileInfo info() override { return CFileInfo(files.count(current) ? 1 : 2, 3, 0, 0); }
     TPath list(unsigned char kind) override {
         log.push_back("list " + std::to_string(kind));
         TPath out;
@@ -128,73 +111,34 @@ struct TreeFS : IAppFS {
                 out.push_back(p.back());
         return out;
     }
-    void read(TBytes& d, WORD o) override {
-        log.push_back("read " + std::to_string(d.size()) + "@" + std::to_string(o));
-        d = content;
-    }
     void write(const TBytes& d, WORD o) override {
         log.push_back("write " + std::to_string(d.size()) + "@" + std::to_string(o));
-        content = d;
     }
 };
 
-struct Helpers : ::testing::Test {
+TEST(FileHelpers, CreateWalksUpToTheDeepestNodeThenDownAndDeleteGoesDepthFirst) {
     TreeFS fs;
-    FixedPin pin{nullptr, {0x3F00, 0x0112}};
-    CAdapter adapter() {
-        CAdapter a;
-        a.fs = &fs;
-        a.pin = &pin;
-        return a;
-    }
-};
-
-TEST_F(Helpers, CreatePathWalksUpToTheDeepestNodeThenCreatesDownward) {
+    CAdapter adapter;
+    adapter.fs = &fs;
     fs.dirs = {{1}, {1, 2}};
-    FileCreatePath(adapter(), {1, 2}, CFileInfo(2, 0, 0, 9));
-    EXPECT_EQ(fs.log, Log({"select /1/2"}));
+    fs.files = {{1, 5}};
+    FileCreatePath(adapter, {1, 2, 3, 4}, CFileInfo(2, 0, 0, 9));
+    FileCreateAndWrite(adapter, {1, 2, 3, 7}, CFileInfo(1, 3, 0, 9), {4, 5, 6});
+    EXPECT_EQ(failureCode([&] { FileCreatePath(adapter, {0x3F00}, CFileInfo()); }), code(0x6A82));
+    EXPECT_EQ(failureCode([&] { FileCreateAndWrite(adapter, {}, CFileInfo(), {}); }), code(0x6B00));
+    EXPECT_EQ(fs.log,
+              Log({"select /1/2/3/4", "select /1/2/3", "select /1/2", "select /1/2", "create 3 2",
+                   "select /1/2/3", "create 4 2", "select /1/2/3", "create 7 1", "select /1/2/3/7",
+                   "write 3@0", "select /16128", "select ~"}));
     fs.log.clear();
-    FileCreatePath(adapter(), {1, 2, 3, 4}, CFileInfo(2, 0, 0, 9));
-    EXPECT_EQ(fs.log, Log({"select /1/2/3/4", "select /1/2/3", "select /1/2", "select /1/2",
-                           "create 3 209", "select /1/2/3", "create 4 209"}));
-    fs.log.clear();
-    EXPECT_EQ(failureCode([&] { FileCreatePath(adapter(), {0x3F00}, CFileInfo()); }), code(0x6A82));
-    EXPECT_EQ(fs.log, Log({"select /16128", "select ~"}));
-}
-
-TEST_F(Helpers, DeletePathGoesDepthFirstListingBeforeDeleting) {
-    fs.files = {{9}};
-    FileDeletePath(adapter(), {9});
-    EXPECT_EQ(fs.log, Log({"select /9", "info", "remove /9"}));
-    fs.log.clear();
-    fs.dirs = {{1}, {1, 2}};
-    fs.files = {{1, 5}, {1, 6}, {1, 2, 7}};
-    FileDeletePath(adapter(), {1});
-    EXPECT_EQ(fs.log, Log({"select /1", "info", "list 1", "list 2", "select /1/5", "remove /1/5",
-                           "select /1/6", "remove /1/6", "select /1/2", "info", "list 1", "list 2",
-                           "select /1/2/7", "remove /1/2/7", "select /1/2", "remove /1/2",
-                           "select /1", "remove /1"}));
+    FileDeletePath(adapter, {1});
+    EXPECT_EQ(fs.log, Log({"select /1",       "list 1",          "list 2",        "select /1/5",
+                           "remove /1/5",     "select /1/2",     "list 1",        "list 2",
+                           "select /1/2/3",   "list 1",          "list 2",        "select /1/2/3/7",
+                           "remove /1/2/3/7", "select /1/2/3/4", "list 1",        "list 2",
+                           "select /1/2/3/4", "remove /1/2/3/4", "select /1/2/3", "remove /1/2/3",
+                           "select /1/2",     "remove /1/2",     "select /1",     "remove /1"}));
     EXPECT_TRUE(fs.files.empty() && fs.dirs.empty());
-}
-
-TEST_F(Helpers, CreateAndWriteThenReadBack) {
-    fs.dirs = {{1}};
-    FileCreateAndWrite(adapter(), {1, 7}, CFileInfo(1, 3, 0, 9), {4, 5, 6});
-    EXPECT_EQ(fs.log, Log({"select /1", "create 7 109", "select /1/7", "write 3@0"}));
-    EXPECT_EQ(FileRead(adapter()), (TBytes{4, 5, 6}));
-    EXPECT_EQ(fs.log.back(), "read 3@0");
-    EXPECT_EQ(failureCode([&] { FileCreateAndWrite(adapter(), {}, CFileInfo(), {}); }),
-              code(0x6B00));
-}
-
-TEST_F(Helpers, NewNodesTakeTheUserPinCutToEightBits) {
-    const CFileInfo dir = FileMakeDirInfo(adapter()), priv = FileMakeFileInfo(adapter(), 300, true),
-                    open = FileMakeFileInfo(adapter(), 7, false);
-    EXPECT_EQ(std::vector<int>({dir.type, dir.size, dir.read, dir.write}),
-              std::vector<int>({2, 0, 0, 0x12}));
-    EXPECT_EQ(std::vector<int>({priv.type, priv.size, priv.read, priv.write}),
-              std::vector<int>({1, 300, 0x12, 0x12}));
-    EXPECT_EQ(std::vector<int>({open.read, open.write}), std::vector<int>({0, 0x12}));
 }
 
 }  // namespace

@@ -1,3 +1,4 @@
+// The Pro file-system drivers against a scripted card.
 #include "token/appfs/fs_pro.h"
 
 #include <gtest/gtest.h>
@@ -19,11 +20,6 @@ std::string fcp(const std::string& inner) {
     return head + inner;
 }
 std::string ok(const std::string& data) { return data + " 90 00"; }
-std::string any(const std::string& head, int n) {
-    std::string out = head;
-    while (n--) out += " ??";
-    return out;
-}
 std::string entries(std::initializer_list<unsigned> ids) {
     std::string out;
     char b[24];
@@ -34,8 +30,8 @@ std::vector<int> fields(const CFileInfo& i) { return {i.type, i.size, i.read, i.
 
 // Both size tags, so that it serves CFSPro (0x81) and CFSPro4 (0x80).
 const std::string kFile16 = ok(fcp("82 01 01 81 02 00 10 80 02 00 10 86 02 00 11"));
-const std::string kDir = ok(fcp("82 01 38"));
 const std::string kMarkerSelect = "00 A4 08 00 04 66 66 00 01 00";
+const std::string kHome = "00 A4 08 00 02 66 66 00";
 
 struct ProFs : ::testing::Test {
     void TearDown() override { EXPECT_TRUE(sender.allConsumed()) << sender.exchanges(); }
@@ -43,14 +39,15 @@ struct ProFs : ::testing::Test {
         sender.expect(command, answer);
         fs->select(path);
     }
+    // Each change rewrites the 16-byte marker file; nullptr: the marker is missing.
     void marker(const char* writeAnswer) {
         sender.expect(kMarkerSelect, writeAnswer ? kFile16 : "6A 82");
-        if (writeAnswer) sender.expect(any("00 D6 00 00 10", 16), writeAnswer);
+        if (writeAnswer) sender.expect("00 D6 00 00 10" + anyBytes(16), writeAnswer);
     }
     ScriptedSender sender;
     ScriptedApplet applet{&sender};
-    FixedInfo* info = applet.installInfo<FixedInfo>(false);
-    CFSPro* fs = applet.installFs<CFSPro>();
+    FixedInfo* info = applet.install<FixedInfo>(applet.info_, false);
+    CFSPro* fs = applet.install<CFSPro>(applet.fs_);
 };
 
 TEST_F(ProFs, SelectFormsAndTheHomeOfRelativePaths) {
@@ -94,7 +91,7 @@ TEST_F(ProFs, ControlDataWithMissingOrShortTagsKeepsDefaults) {
                 {"6F FF 00", {0, 0, 0xFF, 0xFF}, 0},                    // two-byte length cut
                 {fcp("00 01 01 82 01 01"), {0, 0, 0xFF, 0xFF}, 0}};     // invalid tag first
     for (bool pro4 : {false, true}) {
-        if (pro4) fs = applet.installFs<CFSPro4>();
+        if (pro4) fs = applet.install<CFSPro4>(applet.fs_);
         for (const auto& r : rows) {
             selected({0x3F00, 0x1234}, "00 A4 08 00 02 12 34 00", ok(r.answer));
             std::vector<int> want = r.pro;
@@ -104,37 +101,21 @@ TEST_F(ProFs, ControlDataWithMissingOrShortTagsKeepsDefaults) {
     }
 }
 
-TEST_F(ProFs, FailedSelectKeepsThePreviousNode) {
-    selected({0x3F00, 0x0005}, "00 A4 08 00 02 00 05 00", kFile16);
-    sender.expect("00 A4 08 00 02 00 06 00", "6A 82");
-    EXPECT_EQ(failureCode([&] { fs->select({0x3F00, 0x0006}); }), code(0x6A82));
-    EXPECT_EQ(fs->info().size, 16);
-    sender.expect("00 A4 00 00 00", kDir);  // remove still acts on 0005
-    sender.expect("00 E4 00 00 02 00 05", "90 00");
-    marker(nullptr);
-    fs->remove();
-}
-
 TEST_F(ProFs, CreateSendsTheTemplatesThenRewritesTheMarker) {
-    const char* file = "86 07 01 02 02 02 02 02 02";
-    const char* dir = "86 08 02 02 02 02 02 02 02 02";
+    const std::string file = "86 07 01 02 02 02 02 02 02", dir = "86 08 02 02 02 02 02 02 02 02";
     const struct {
         bool pro4;
         int type;
         std::string command;
     } rows[] = {
         {false, 1,
-         "00 E0 00 00 1D 6F 1B 82 03 01 00 00 85 03 00 00 00 83 02 12 34 81 02 01 02 " +
-             std::string(file)},
+         "00 E0 00 00 1D 6F 1B 82 03 01 00 00 85 03 00 00 00 83 02 12 34 81 02 01 02 " + file},
         {false, 2,
-         "00 E0 00 00 1E 6F 1C 82 03 38 00 00 85 03 00 00 00 83 02 12 34 81 02 00 00 " +
-             std::string(dir)},
-        {true, 1,
-         "00 E0 00 00 19 62 17 82 01 01 85 01 00 83 02 12 34 80 02 01 02 " + std::string(file)},
-        {true, 2,
-         "00 E0 00 00 1A 62 18 82 01 38 85 01 00 83 02 12 34 81 02 00 00 " + std::string(dir)}};
+         "00 E0 00 00 1E 6F 1C 82 03 38 00 00 85 03 00 00 00 83 02 12 34 81 02 00 00 " + dir},
+        {true, 1, "00 E0 00 00 19 62 17 82 01 01 85 01 00 83 02 12 34 80 02 01 02 " + file},
+        {true, 2, "00 E0 00 00 1A 62 18 82 01 38 85 01 00 83 02 12 34 81 02 00 00 " + dir}};
     for (const auto& r : rows) {
-        if (r.pro4) fs = applet.installFs<CFSPro4>();
+        if (r.pro4) fs = applet.install<CFSPro4>(applet.fs_);
         sender.expect(r.command, "90 00");
         marker("90 00");
         fs->create(0x1234, CFileInfo(r.type, 0x0102, 0x01, 0x02));
@@ -149,45 +130,55 @@ TEST_F(ProFs, CreateRefusalsFoldingAndMarkerFailures) {
     EXPECT_EQ(sender.exchanges(), 0u);
 
     const CFileInfo file(1, 1, 0, 0);
-    sender.expect(any("00 E0 00 00 1D", 0x1D), "6A 80");  // no marker after a failure
+    sender.expect("00 E0 00 00 1D" + anyBytes(0x1D), "6A 80");  // no marker after a failure
     EXPECT_EQ(failureCode([&] { fs->create(1, file); }), code(0x6A89));
-    sender.expect(any("00 E0 00 00 1D", 0x1D), "6A 84");
+    sender.expect("00 E0 00 00 1D" + anyBytes(0x1D), "6A 84");
     EXPECT_EQ(failureCode([&] { fs->create(1, file); }), code(0x6A84));
 
     info->fips = true;  // the marker stays under 6666 all the same
     for (const char* writeAnswer : {(const char*)nullptr, "69 82"}) {
-        sender.expect(any("00 E0 00 00 1D", 0x1D), "90 00");
+        sender.expect("00 E0 00 00 1D" + anyBytes(0x1D), "90 00");
         marker(writeAnswer);
         EXPECT_EQ(failureCode([&] { fs->create(1, file); }), 0);
     }
-    sender.expect(any("00 E0 00 00 1D", 0x1D), "90 00");
+    sender.expect("00 E0 00 00 1D" + anyBytes(0x1D), "90 00");
     sender.expect(kMarkerSelect, ok(fcp("82 01 01 81 02 00 08")));  // too small: no write
     EXPECT_EQ(failureCode([&] { fs->create(1, file); }), 0);
     EXPECT_EQ(info->asked, 0);
 }
 
-TEST_F(ProFs, RemoveDeletesFromTheParentAndLeavesTheMarkerCurrent) {
+TEST_F(ProFs, RemoveDeletesFromTheParentAndAFailedSelectKeepsThePreviousNode) {
     EXPECT_EQ(failureCode([&] { fs->remove(); }), code(0x6900));  // nothing selected
-    selected({0x3F00}, "00 A4 00 00 00", kDir);
+    selected({0x3F00}, "00 A4 00 00 00", kDirFcp);
     EXPECT_EQ(failureCode([&] { fs->remove(); }), code(0x6900));  // the master file
 
+    selected({0x3F00, 0x0005}, "00 A4 08 00 02 00 05 00", kFile16);
+    sender.expect("00 A4 08 00 02 00 06 00", "6A 82");
+    EXPECT_EQ(failureCode([&] { fs->select({0x3F00, 0x0006}); }), code(0x6A82));
+    EXPECT_EQ(fs->info().size, 16);
+    sender.expect("00 A4 00 00 00", kDirFcp);  // remove still acts on 0005
+    sender.expect("00 E4 00 00 02 00 05", "90 00");
+    marker(nullptr);
+    fs->remove();
+
     selected({0x1000, 0x0006}, "00 A4 08 00 06 66 66 10 00 00 06 00", ok(fcp("82 01 01")));
-    sender.expect("00 A4 08 00 04 66 66 10 00 00", kDir);
+    sender.expect("00 A4 08 00 04 66 66 10 00 00", kDirFcp);
     sender.expect("00 E4 00 00 02 00 06", "90 00");
     marker("69 82");
+    const std::size_t offered = sender.offered.size();
     fs->remove();
-    EXPECT_EQ(sender.offered[3], 2u);
+    EXPECT_EQ(sender.offered[offered + 1], 2u);
     EXPECT_EQ(fields(fs->info()), std::vector<int>({1, 16, 0x00, 0x11}));
 
-    sender.expect("00 A4 08 00 02 66 66 00", kDir);  // the marker is current now
+    sender.expect(kHome, kDirFcp);  // the marker is current now
     sender.expect("00 E4 00 00 02 00 01", "69 81");
     EXPECT_EQ(failureCode([&] { fs->remove(); }), code(0x6900));
 }
 
 TEST_F(ProFs, ListAsksFromTheCountHeldUntilTheCardAddsNothing) {
-    selected({}, "00 A4 08 00 02 66 66 00", kFile16);
+    selected({}, kHome, kFile16);
     EXPECT_EQ(failureCode([&] { fs->list(1); }), code(0x6283));
-    selected({}, "00 A4 08 00 02 66 66 00", kDir);
+    selected({}, kHome, kDirFcp);
     sender.expect("80 16 01 00 00", ok(entries({0x0001, 0x0002})));
     sender.expect("80 16 01 02 00", ok(entries({0x1003})));
     sender.expect("80 16 01 03 00", "90 00");
@@ -201,6 +192,18 @@ TEST_F(ProFs, ListAsksFromTheCountHeldUntilTheCardAddsNothing) {
     sender.expect("80 16 01 01 00", "6A 82");
     EXPECT_EQ(failureCode([&] { fs->list(1); }), code(0x6A82));
     EXPECT_EQ(sender.offered.back(), 258u);
+
+    // Past 255 entries the count no longer fits P2: the card is asked once more.
+    std::string full;  // 51 one-byte identifiers fill an answer
+    char b[24];
+    for (unsigned i = 0; i < 51; ++i)
+        full += (std::snprintf(b, sizeof b, "6F 03 86 01 %02X ", i), b);
+    for (unsigned p2 : {0, 51, 102, 153, 204})
+        sender.expect((std::snprintf(b, sizeof b, "80 16 01 %02X 00", p2), b), ok(full));
+    sender.expect("80 16 01 FF 00", ok(entries({0x0100, 0x0101, 0x0102})));
+    const TPath found = fs->list(1);
+    ASSERT_EQ(found.size(), 258u);
+    EXPECT_EQ(found[257], 0x0102);
 }
 
 TEST_F(ProFs, BrokenListAnswersKeepWhatCameBefore) {
@@ -215,30 +218,16 @@ TEST_F(ProFs, BrokenListAnswersKeepWhatCameBefore) {
                 {"A0 01 00" + entries({7}) + "A1 00", {7}},
                 {"FF FF FF", {}},
                 {"6F", {}}};
-    selected({}, "00 A4 08 00 02 66 66 00", kDir);
+    selected({}, kHome, kDirFcp);
     for (const auto& r : rows) {
         sender.expect("80 16 01 00 00", ok(r.answer));
-        if (!r.kept.empty()) sender.expect(any("80 16 01", 2), "90 00");
+        if (!r.kept.empty()) sender.expect("80 16 01" + anyBytes(2), "90 00");
         EXPECT_EQ(fs->list(1), r.kept) << r.answer;
     }
 }
 
-TEST_F(ProFs, ListAsksAgainAt255AndStopsPastIt) {
-    selected({}, "00 A4 08 00 02 66 66 00", kDir);
-    std::string full;  // 51 one-byte identifiers fill an answer
-    char b[24];
-    for (unsigned i = 0; i < 51; ++i)
-        full += (std::snprintf(b, sizeof b, "6F 03 86 01 %02X ", i), b);
-    for (unsigned p2 : {0, 51, 102, 153, 204})
-        sender.expect((std::snprintf(b, sizeof b, "80 16 01 %02X 00", p2), b), ok(full));
-    sender.expect("80 16 01 FF 00", ok(entries({0x0100, 0x0101, 0x0102})));
-    const TPath found = fs->list(1);
-    ASSERT_EQ(found.size(), 258u);
-    EXPECT_EQ(found[257], 0x0102);
-}
-
-TEST_F(ProFs, ReadAndUpdateCutBlocksOf255WithExactBuffers) {
-    selected({0x0001}, "00 A4 08 00 04 66 66 00 01 00", ok(fcp("82 01 01 81 02 01 2C")));
+TEST_F(ProFs, ReadAndUpdateCutBlocksOf255WithExactBuffersWithinTheFileSize) {
+    selected({0x0001}, kMarkerSelect, ok(fcp("82 01 01 81 02 01 2C")));
     TBytes want(300);
     for (std::size_t i = 0; i < want.size(); ++i) want[i] = i * 3;
     const std::string first = toHex(TBytes(want.begin(), want.begin() + 255));
@@ -256,17 +245,15 @@ TEST_F(ProFs, ReadAndUpdateCutBlocksOf255WithExactBuffers) {
     EXPECT_EQ(failureCode([&] { fs->read(four, 2); }), code(0x6282));
     sender.expect("00 B0 00 02 04", "69 82");
     EXPECT_EQ(failureCode([&] { fs->read(four, 2); }), code(0x6982));
-}
 
-TEST_F(ProFs, BlockRangeTestsAgainstTheFileSize) {
-    selected({0x0001}, "00 A4 08 00 04 66 66 00 01 00", ok(fcp("82 01 01 81 02 00 0A")));
+    selected({0x0001}, kMarkerSelect, ok(fcp("82 01 01 81 02 00 0A")));
     const struct {
         WORD offset;
         std::size_t length;
         bool inside;
-    } rows[] = {{0, 10, true}, {10, 0, true},  {9, 1, true},      {11, 0, false},
-                {5, 6, false}, {10, 1, false}, {0xFFFF, 1, false}};
-    for (const auto& r : rows) {
+    } ranges[] = {{0, 10, true}, {10, 0, true},  {9, 1, true},      {11, 0, false},
+                  {5, 6, false}, {10, 1, false}, {0xFFFF, 1, false}};
+    for (const auto& r : ranges) {
         char head[24];
         std::snprintf(head, sizeof head, "%04X %02X", r.offset, static_cast<unsigned>(r.length));
         TBytes data(r.length, 0x5A);

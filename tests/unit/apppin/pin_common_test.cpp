@@ -1,3 +1,4 @@
+// The PIN driver base: paths built once on first demand, and access numbers.
 #include "token/apppin/pin_common.h"
 
 #include <gtest/gtest.h>
@@ -8,8 +9,7 @@ namespace {
 
 using namespace krfs_test;
 
-// Builds its paths from the FIPS state, as the Pro driver does, and counts
-// the builds.
+// Builds its paths from the FIPS state, as the Pro driver does, and counts the builds.
 struct ProLikePin : CPinCommon {
     explicit ProLikePin(IApplet* a) : CPinCommon(a) {}
     void NamesInitProc() override {
@@ -20,33 +20,24 @@ struct ProLikePin : CPinCommon {
     bool failFirst = false;
 };
 
-struct PinCommon : ::testing::Test {
+TEST(PinCommon, PathsAreBuiltOnceOnFirstDemandAndAFailedBuildIsNotRetried) {
     ScriptedSender sender;
     ScriptedApplet applet{&sender};
-};
-
-TEST_F(PinCommon, PathsAreBuiltOnceOnFirstDemand) {
-    auto* info = applet.installInfo<FixedInfo>(true);
-    ProLikePin* pin = applet.installPin<ProLikePin>();
+    auto* info = applet.install<FixedInfo>(applet.info_, true);
+    ProLikePin* pin = applet.install<ProLikePin>(applet.pin_);
     EXPECT_EQ(info->asked, 0);  // nothing asked at construction
     EXPECT_EQ(pin->pathAdmin(), TPath());
     EXPECT_EQ(pin->pathUser(), TPath{0x0011});
     EXPECT_EQ(pin->pathGlobal(), TPath());
     EXPECT_EQ(pin->built, 1);
     EXPECT_EQ(info->asked, 1);
-}
 
-TEST_F(PinCommon, FailedBuildIsNotRetried) {
-    applet.installInfo<FixedInfo>(false);
-    ProLikePin* pin = applet.installPin<ProLikePin>();
+    pin = applet.install<ProLikePin>(applet.pin_);
     pin->failFirst = true;
     EXPECT_EQ(failureCode([&] { pin->pathUser(); }), code(0x6F00));
     EXPECT_EQ(pin->pathUser(), TPath());
     EXPECT_EQ(pin->built, 1);
-}
 
-TEST(PinExtractAccess, IsTheLastElement) {
-    EXPECT_EQ(PinExtractAccess({0x0011}), 0x0011);
     EXPECT_EQ(PinExtractAccess({0x3F00, 0x0110}), 0x0110);
     EXPECT_EQ(PinExtractAccess(PinPaths(TPinFamily::Idprotect, 0x0042).user), 0x0042);
     EXPECT_EQ(failureCode([] { PinExtractAccess({}); }), code(0x6B00));

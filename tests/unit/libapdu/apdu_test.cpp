@@ -3,185 +3,83 @@
 
 #include <gtest/gtest.h>
 
-#include "libapdu/exception.h"
+#include "unit/scripted_sender.h"
 
 namespace {
 
-using libapdu::IAPDUDefinitions;
-using libapdu::operator<<;
+using namespace krfs_test;
+using D = IAPDUDefinitions;
 
-TBytes filled(size_t n, unsigned char first = 0) {
-    TBytes b(n);
-    for (size_t i = 0; i < n; ++i) b[i] = static_cast<unsigned char>(first + i);
-    return b;
-}
-
-TBytes cat(std::initializer_list<TBytes> parts) {
-    TBytes out;
-    for (const TBytes& p : parts) out.insert(out.end(), p.begin(), p.end());
-    return out;
-}
-
-// The code of the CAPDUException that f throws, or 0 when it returns.
-template <class F>
-long raised(F f) {
-    try {
-        f();
-        return 0;
-    } catch (const CAPDUException& e) {
-        return e.code();
-    }
-}
-
-TEST(Endian, SwapsBytes) {
-    EXPECT_EQ(IAPDUDefinitions::endian(static_cast<unsigned short>(0x1234)), 0x3412);
-    EXPECT_EQ(IAPDUDefinitions::endian(static_cast<unsigned short>(0x00FF)), 0xFF00);
-    EXPECT_EQ(IAPDUDefinitions::endian(0x12345678u), 0x78563412u);
-    EXPECT_EQ(IAPDUDefinitions::endian(0xFF000080u), 0x800000FFu);
-}
-
-TEST(AddHelpers, AppendBehindExistingBytes) {
+TEST(AddHelpers, NumbersGoBigEndianAndLengthsTakeTheirFormAtTheBoundaries) {
+    EXPECT_EQ(D::endian(static_cast<unsigned short>(0x12FF)), 0xFF12);
+    EXPECT_EQ(D::endian(0xFF000080u), 0x800000FFu);
     TBytes out{0xEE};
-    IAPDUDefinitions::add_w(out, 0x1234);
-    EXPECT_EQ(out, (TBytes{0xEE, 0x12, 0x34}));
-
-    out = {0xEE};
-    IAPDUDefinitions::add_tagw(out, 0x80, 0xA1B2);
-    EXPECT_EQ(out, (TBytes{0xEE, 0x80, 0x02, 0xA1, 0xB2}));
-
-    out = {0xEE};
-    IAPDUDefinitions::add_1(out, {});
-    EXPECT_EQ(out, (TBytes{0xEE, 0x00}));
-
-    out = {0xEE};
-    IAPDUDefinitions::add_tag1(out, 0x83, {0x01, 0x02});
-    EXPECT_EQ(out, (TBytes{0xEE, 0x83, 0x02, 0x01, 0x02}));
-
-    out = {0xEE};
-    IAPDUDefinitions::add_tag12(out, 0x84, {0x07}, 0xFF);
-    EXPECT_EQ(out, (TBytes{0xEE, 0x84, 0x01, 0x07}));
-
-    out = {0xEE};
+    D::add_w(out, 0x1234);
+    D::add_tagw(out, 0x80, 0xA1B2);
     out << static_cast<unsigned char>(0x01) << TBytes{0x02, 0x03};
-    EXPECT_EQ(out, (TBytes{0xEE, 0x01, 0x02, 0x03}));
-}
+    EXPECT_EQ(out, hex("EE 1234 80 02 A1B2 01 0203"));
 
-struct LengthCase {
-    size_t size;
-    TBytes add1;   // expected length prefix of add_1; empty when it fails
-    TBytes add12;  // expected length prefix of add_12 with escape 0xFF; empty when it fails
-};
-
-// add_12 takes the three-byte form one byte before add_1 runs out.
-const LengthCase kLengthCases[] = {
-    {1, {0x01}, {0x01}},
-    {254, {0xFE}, {0xFE}},
-    {255, {0xFF}, {0xFF, 0x00, 0xFF}},
-    {256, {}, {0xFF, 0x01, 0x00}},
-    {0xFFFF, {}, {0xFF, 0xFF, 0xFF}},
-    {0x10000, {}, {}},
-};
-
-TEST(AddHelpers, LengthFormsAtTheirBoundaries) {
-    for (const LengthCase& c : kLengthCases) {
-        SCOPED_TRACE(c.size);
-        const TBytes data = filled(c.size, 0x10);
-        TBytes out{0xEE};
-        if (c.add1.empty()) {
-            EXPECT_EQ(raised([&] { IAPDUDefinitions::add_1(out, data); }), 0x86E06281);
-            EXPECT_EQ(raised([&] { IAPDUDefinitions::add_tag1(out, 0x81, data); }), 0x86E06281);
-            EXPECT_EQ(out, TBytes{0xEE}) << "a failed add leaves the output alone";
-        } else {
-            IAPDUDefinitions::add_1(out, data);
-            EXPECT_EQ(out, cat({{0xEE}, c.add1, data}));
-        }
-
-        out = {0xEE};
-        if (c.add12.empty()) {
-            EXPECT_EQ(raised([&] { IAPDUDefinitions::add_12(out, data, 0xFF); }), 0x86E06281);
-            EXPECT_EQ(raised([&] { IAPDUDefinitions::add_tag12(out, 0x81, data, 0xFF); }),
-                      0x86E06281);
-            EXPECT_EQ(out, TBytes{0xEE});
-        } else {
-            IAPDUDefinitions::add_12(out, data, 0xFF);
-            EXPECT_EQ(out, cat({{0xEE}, c.add12, data}));
-            out = {};
-            IAPDUDefinitions::add_tag12(out, 0x81, data, 0xFF);
-            EXPECT_EQ(out, cat({{0x81}, c.add12, data}));
-        }
+    // The length prefix of add_1, and of add_12 with escape FF, which takes the
+    // escaped form one byte earlier; empty: refused, the output left alone.
+    const struct {
+        size_t size;
+        const char *add1, *add12;
+    } rows[] = {{0, "00", "00"},       {254, "FE", "FE"},        {255, "FF", "FF 00 FF"},
+                {256, "", "FF 01 00"}, {0xFFFF, "", "FF FF FF"}, {0x10000, "", ""}};
+    for (const auto& r : rows) {
+        const TBytes data(r.size, 0x5A);
+        TBytes one{0xEE}, tagOne{0xEE}, twelve{0xEE}, tagTwelve{0xEE};
+        EXPECT_EQ(failureCode([&] { D::add_1(one, data); }), *r.add1 ? 0 : code(0x6281));
+        EXPECT_EQ(failureCode([&] { D::add_tag1(tagOne, 0x81, data); }),
+                  *r.add1 ? 0 : code(0x6281));
+        EXPECT_EQ(failureCode([&] { D::add_12(twelve, data, 0xFF); }), *r.add12 ? 0 : code(0x6281));
+        EXPECT_EQ(failureCode([&] { D::add_tag12(tagTwelve, 0x81, data, 0xFF); }),
+                  *r.add12 ? 0 : code(0x6281));
+        EXPECT_EQ(one, *r.add1 ? cat({{0xEE}, hex(r.add1), data}) : TBytes{0xEE}) << r.size;
+        EXPECT_EQ(tagOne, *r.add1 ? cat({{0xEE, 0x81}, hex(r.add1), data}) : TBytes{0xEE});
+        EXPECT_EQ(twelve, *r.add12 ? cat({{0xEE}, hex(r.add12), data}) : TBytes{0xEE}) << r.size;
+        EXPECT_EQ(tagTwelve, *r.add12 ? cat({{0xEE, 0x81}, hex(r.add12), data}) : TBytes{0xEE});
     }
+    TBytes escaped;
+    D::add_12(escaped, TBytes(300), 0x00);
+    EXPECT_EQ(TBytes(escaped.begin(), escaped.begin() + 3), hex("00 01 2C"));
 }
 
-TEST(AddHelpers, Add12UsesTheGivenEscape) {
-    TBytes out;
-    IAPDUDefinitions::add_12(out, filled(300), 0x00);
-    EXPECT_EQ(TBytes(out.begin(), out.begin() + 3), (TBytes{0x00, 0x01, 0x2C}));
-    EXPECT_EQ(out.size(), 303u);
-}
-
-struct CapduCase {
-    const char* name;
-    TBytes apdu;
-    long failure;  // 0 when the split succeeds
-    TBytes data;
-    unsigned short le;
-};
-
-std::vector<CapduCase> capduCases() {
-    const TBytes big = filled(256, 0x40);
-    return {
-        {"header only", {0x00, 0xA4, 0x00, 0x00}, 0, {}, 0},
-        {"le only", {0x00, 0xB0, 0x00, 0x00, 0x10}, 0, {}, 0x10},
-        {"lc data le", {0x00, 0xD6, 0x00, 0x00, 0x02, 0xAA, 0xBB, 0x05}, 0, {0xAA, 0xBB}, 5},
-        {"extended lc, extended le",
-         cat({{0x00, 0xD6, 0x00, 0x00, 0x00, 0x01, 0x00}, big, {0x00, 0x10, 0x00}}), 0, big,
-         0x1000},
-        {"lc data, no le", {0x00, 0xD6, 0x00, 0x00, 0x02, 0xAA, 0xBB}, 0, {0xAA, 0xBB}, 0},
-        {"two le bytes", {0x00, 0xD6, 0x00, 0x00, 0x01, 0xAA, 0x01, 0x02}, 0, {0xAA}, 0x0102},
-        {"three le bytes",
-         {0x00, 0xD6, 0x00, 0x00, 0x01, 0xAA, 0x00, 0x01, 0x02},
-         0,
-         {0xAA},
-         0x0102},
-        {"extended le only", {0x00, 0xB0, 0x00, 0x00, 0x00, 0x01, 0x02}, 0, {}, 0x0102},
-        {"zero byte then word", {0x00, 0xB0, 0x00, 0x00, 0x00, 0x10}, 0, {}, 0x0010},
-        {"single zero le", {0x00, 0xB0, 0x00, 0x00, 0x00}, 0, {}, 0},
-        {"extended lc of zero", {0x00, 0xD6, 0x00, 0x00, 0x00, 0x00, 0x00, 0x05}, 0, {}, 5},
-        {"empty", {}, 0x86E06B00, {}, 0},
-        {"three bytes", {0x00, 0xA4, 0x00}, 0x86E06B00, {}, 0},
-        {"lc beyond the buffer", {0x00, 0xD6, 0x00, 0x00, 0x05, 0xAA, 0xBB}, 0x86E06B00, {}, 0},
-        {"extended lc beyond the buffer",
-         {0x00, 0xD6, 0x00, 0x00, 0x00, 0xFF, 0xFF, 0xAA},
-         0x86E06B00,
-         {},
-         0},
-        {"three le bytes without leading zero",
-         {0x00, 0xD6, 0x00, 0x00, 0x01, 0xAA, 0x01, 0x01, 0x02},
-         0x86E06B00,
-         {},
-         0},
-        {"four trailing bytes",
-         {0x00, 0xD6, 0x00, 0x00, 0x01, 0xAA, 0x00, 0x00, 0x00, 0x00},
-         0x86E06B00,
-         {},
-         0},
+TEST(ParseCapdu, SplitsEveryCaseOrRejects) {
+    const TBytes big(256, 0x5A);
+    const struct {
+        TBytes apdu;
+        bool ok;
+        TBytes data;
+        unsigned short le;
+    } rows[] = {
+        {hex("00A40000"), true, {}, 0},
+        {hex("00B00000 10"), true, {}, 0x10},
+        {hex("00D60000 02 AABB 05"), true, hex("AABB"), 5},
+        {cat({hex("00D60000 000100"), big, hex("001000")}), true, big, 0x1000},
+        {hex("00D60000 02 AABB"), true, hex("AABB"), 0},
+        {hex("00D60000 01 AA 0102"), true, hex("AA"), 0x0102},
+        {hex("00D60000 01 AA 000102"), true, hex("AA"), 0x0102},
+        {hex("00B00000 000102"), true, {}, 0x0102},
+        {hex("00B00000 0010"), true, {}, 0x0010},
+        {hex("00B00000 00"), true, {}, 0},
+        {hex("00D60000 000000 05"), true, {}, 5},
+        {{}, false, {}, 0},
+        {hex("00A400"), false, {}, 0},
+        {hex("00D60000 05 AABB"), false, {}, 0},        // Lc beyond the buffer
+        {hex("00D60000 00FFFF AA"), false, {}, 0},      // extended Lc beyond it
+        {hex("00D60000 01 AA 010102"), false, {}, 0},   // three Le bytes, no leading zero
+        {hex("00D60000 01 AA 00000000"), false, {}, 0}  // four trailing bytes
     };
-}
-
-TEST(ParseCapdu, SplitsOrRejects) {
-    for (const CapduCase& c : capduCases()) {
-        SCOPED_TRACE(c.name);
-        // Stale content must be replaced, not appended to.
-        TBytes header{0x99, 0x99};
-        TBytes data{0x99};
+    for (const auto& r : rows) {
+        TBytes header{0x99}, data{0x99};  // stale content is replaced, not appended to
         unsigned short le = 0x9999;
-        const long failure =
-            raised([&] { IAPDUDefinitions::parse_capdu(c.apdu, header, data, le); });
-        EXPECT_EQ(failure, c.failure);
-        if (failure || c.failure) continue;
-        EXPECT_EQ(header, TBytes(c.apdu.begin(), c.apdu.begin() + 4));
-        EXPECT_EQ(data, c.data);
-        EXPECT_EQ(le, c.le);
+        const long failure = failureCode([&] { D::parse_capdu(r.apdu, header, data, le); });
+        EXPECT_EQ(failure, r.ok ? 0 : code(0x6B00)) << toHex(r.apdu);
+        if (failure || !r.ok) continue;
+        EXPECT_EQ(header, TBytes(r.apdu.begin(), r.apdu.begin() + 4));
+        EXPECT_EQ(data, r.data) << toHex(r.apdu);
+        EXPECT_EQ(le, r.le) << toHex(r.apdu);
     }
 }
 
