@@ -1,6 +1,4 @@
 // The Pro PIN drivers against a scripted card, every key and MAC from OpenSSL.
-#include "token/apppin/pin_pro.h"
-
 #include <gtest/gtest.h>
 
 #include <cstdio>
@@ -9,6 +7,7 @@
 
 #include "token/appfs/fs_pro.h"
 #include "token/apppack/pack_pro.h"
+#include "token/apppin/pin_pro.h"
 #include "unit/scripted_sender.h"
 
 namespace {
@@ -84,36 +83,6 @@ struct ProPin : ::testing::Test {
     CPinPro* pin = nullptr;
 };
 
-TEST_F(ProPin, SelectReadsTheVerifiedListAndTheCounterOfTheModesPins) {
-    const struct {
-        bool fips;
-        WORD id;
-        std::string list;
-        unsigned offset;          // of the counter; 1: none read
-        std::string counter;      // empty: no counter file
-        std::vector<int> record;  // state, left, total
-    } rows[] = {
-        {false, 0x01, "05 01 90 00", 0, "07 0A", {0xFF, 7, 10}},
-        {false, 0x05, "01 90 00", 2, "03 03", {0, 3, 3}},
-        {false, 0x01, "90 00", 0, "", {0, 0xFF, 0xFF}},
-        {true, 0x11, "1A 11 90 00", 41, "05 05", {0xFF, 5, 5}},
-        {true, 0x1A, "11 90 00", 1, "", {0, 0xFF, 0xFF}},
-        {false, 0x02, "02 90 00", 1, "", {0xFF, 0xFF, 0xFF}},
-    };
-    for (const auto& r : rows) {
-        selected(r.fips, {r.id}, r.list, r.offset, r.counter);
-        const CPinInfo i = pin->info();
-        EXPECT_EQ((std::vector<int>{i.loginState, i.attemptsLeft, i.attemptsTotal, i.minLength,
-                                    i.maxLength}),
-                  (std::vector<int>{r.record[0], r.record[1], r.record[2], 6, 16}))
-            << r.list;
-    }
-    EXPECT_EQ(sender.offered[0], 256u);
-    EXPECT_EQ(pin->pathAdmin(), TPath{0x05});
-    sender.expect(kList, "69 82");
-    EXPECT_EQ(failureCode([&] { pin->select({0x0011}); }), code(0x6982));
-}
-
 TEST_F(ProPin, LoginAnswersTheChallengeWithTheKeyOfThePinAndTheMode) {
     user(false);  // outside FIPS: key 0 for the user, the salted keys kept
     salt(false);
@@ -121,6 +90,7 @@ TEST_F(ProPin, LoginAnswersTheChallengeWithTheKeyOfThePinAndTheMode) {
     counter(false, 0, "0A 0A");
     pin->login(kPin);
     EXPECT_EQ(pin->info().loginState, 0x00FF);
+    EXPECT_EQ(sender.offered[0], 256u) << "the verified list's buffer";
     EXPECT_EQ(pack->keyGet(0), plainKey(kPin));
     EXPECT_EQ(pack->keyGet(1), saltedKey(1, kPin, kSalt));
     EXPECT_EQ(pack->keyGet(3), saltedKey(3, kPin, kSalt));
@@ -176,6 +146,8 @@ TEST_F(ProPin, RefusalsMalformedChallengesMissingSaltsAndLogout) {
     user(false);
     EXPECT_EQ(failureCode([&] { pin->login({}); }), code(0x6300));
     EXPECT_EQ(failureCode([&] { pin->change({}); }), code(0x6300));
+    sender.expect(kList, "69 82");
+    EXPECT_EQ(failureCode([&] { pin->select({0x0001}); }), code(0x6982));
     const std::pair<const char*, unsigned short> challenges[] = {
         {"90 00", 0x6281},
         {"01 02 03 04 05 06 07 90 00", 0x6281},

@@ -1,8 +1,12 @@
-// Command building helpers and the splitting of command APDUs.
+// Building and splitting command APDUs, the simple and BER TLV views, and
+// telling the token type from the ATR.
 #include "libapdu/apdu.h"
 
 #include <gtest/gtest.h>
 
+#include <climits>
+
+#include "libapdu/token_type.h"
 #include "unit/scripted_sender.h"
 
 namespace {
@@ -18,7 +22,6 @@ TEST(AddHelpers, NumbersGoBigEndianAndLengthsTakeTheirFormAtTheBoundaries) {
     D::add_tagw(out, 0x80, 0xA1B2);
     out << static_cast<unsigned char>(0x01) << TBytes{0x02, 0x03};
     EXPECT_EQ(out, hex("EE 1234 80 02 A1B2 01 0203"));
-
     // The length prefix of add_1, and of add_12 with escape FF, which takes the
     // escaped form one byte earlier; empty: refused, the output left alone.
     const struct {
@@ -61,7 +64,6 @@ TEST(ParseCapdu, SplitsEveryCaseOrRejects) {
         {hex("00D60000 01 AA 0102"), true, hex("AA"), 0x0102},
         {hex("00D60000 01 AA 000102"), true, hex("AA"), 0x0102},
         {hex("00B00000 000102"), true, {}, 0x0102},
-        {hex("00B00000 0010"), true, {}, 0x0010},
         {hex("00B00000 00"), true, {}, 0},
         {hex("00D60000 000000 05"), true, {}, 5},
         {{}, false, {}, 0},
@@ -80,6 +82,156 @@ TEST(ParseCapdu, SplitsEveryCaseOrRejects) {
         EXPECT_EQ(header, TBytes(r.apdu.begin(), r.apdu.begin() + 4));
         EXPECT_EQ(data, r.data) << toHex(r.apdu);
         EXPECT_EQ(le, r.le) << toHex(r.apdu);
+    }
+}
+
+// Whether f throws the plain integer 0, the failure of both TLV views.
+template <class F>
+bool throwsZero(F f) {
+    try {
+        f();
+    } catch (int code) {
+        return code == 0;
+    }
+    return false;
+}
+
+TBytes withTail(const char* head, size_t tail) {
+    TBytes out = hex(head);
+    out.resize(out.size() + tail, 0x5A);
+    return out;
+}
+
+// A bounded parse of `encoded` gives `tag` (0: refused) and the value from
+// `header` on, as the trusted constructor does; one byte less fails.
+template <class T>
+void checkParse(const TBytes& encoded, unsigned tag, size_t header) {
+    SCOPED_TRACE(toHex(encoded));
+    const unsigned char* p = encoded.data();
+    if (tag == 0) {
+        EXPECT_TRUE(throwsZero([&] { T::parse(p, encoded.size()); }));
+        return;
+    }
+    const T t = T::parse(p, encoded.size()), u(p);
+    EXPECT_EQ(t.tag(), tag);
+    EXPECT_EQ(t.begin(), p + header);
+    EXPECT_EQ(t.end(), p + encoded.size());
+    EXPECT_EQ(u.tag(), tag);
+    EXPECT_EQ(u.end(), t.end());
+    if (t.size() > 0) {
+        EXPECT_TRUE(throwsZero([&] { T::parse(p, encoded.size() - 1); }));
+    }
+}
+
+TEST(Tlv, SimpleViewParsesWithinItsBufferAndWalksChildrenWithinTheParent) {
+    const std::tuple<TBytes, unsigned, size_t> rows[] = {
+        {hex("81 03 010203"), 0x81, 2},
+        {withTail("82 FF 0100", 256), 0x82, 4},
+        {withTail("83 FE", 254), 0x83, 2},  // FE is still a short length
+        {hex("FF 00"), 0, 0},
+        {hex("00 01 AA"), 0, 0},
+        {{}, 0, 0},
+        {hex("81"), 0, 0},
+        {hex("81 05 0102"), 0, 0},
+        {hex("81 FF 01"), 0, 0},
+        {withTail("81 FF 0100", 255), 0, 0}};
+    for (const auto& [encoded, tag, header] : rows) checkParse<libapdu::CTLV>(encoded, tag, header);
+    const TBytes raw = hex("81 01 AA 82 02 BBCC 81 01 DD 83 00");
+    const libapdu::CTLV list(raw.data(), raw.size());
+    const libapdu::CTLV first = list.getChild(0x81), second = list.getChild(0x81, &first);
+    EXPECT_EQ(second.asBytes(), hex("DD"));
+    EXPECT_TRUE(throwsZero([&] { list.getChild(0x81, &second); }));
+    EXPECT_EQ(list.getChild(0x82).asNumber(), 0xBBCCul);
+    EXPECT_EQ(list.getChild(0x83, &first).begin(), raw.data() + raw.size());
+    EXPECT_TRUE(throwsZero([&] { list.getChild(0x84); }));
+    EXPECT_TRUE(throwsZero([&] { libapdu::CTLV(raw.data() + 7, 3).getChild(0x81, &first); }))
+        << "an 'after' from before the view";
+    // The parent ends after 4 bytes though the buffer holds all of 82's value.
+    EXPECT_TRUE(throwsZero(
+        [&] { libapdu::CTLV(hex("81 01 AA 82 05 0102030405").data(), 4).getChild(0x82); }));
+    const unsigned char n[] = {0x12, 0x34, 0x56, 0x78, 0x9A};
+    EXPECT_EQ(libapdu::CTLV::getle(n, ULONG_MAX), 0x12345678ul) << "at most four bytes";
+    EXPECT_EQ(libapdu::CBERTLV::getle(n, 3), 0x123456ul);
+}
+
+TEST(Tlv, BerViewParsesWithinItsBufferAndWalksChildrenWithinAConstructedParent) {
+    const std::tuple<TBytes, unsigned, size_t> rows[] = {
+        {hex("04 02 AABB"), 0x04, 2},
+        {withTail("5F 24", 0x24), 0x5F, 2},  // whole tags
+        {hex("7F 49 00"), 0, 0},
+        {withTail("7F 03", 3), 0x7F, 2},
+        {hex("1F 01 00"), 0x011F, 3},
+        {hex("1F 81 01 00"), 0x01811F, 4},
+        {hex("1F 00 00"), 0, 0},
+        {hex("1F 80 01 00"), 0, 0},
+        {hex("1F 1E 00"), 0, 0},
+        {hex("1F 81 81 01 00"), 0, 0},
+        {hex("1F 81"), 0, 0},
+        {hex("04"), 0, 0},
+        {hex("04 81 02 AABB"), 0x04, 3},
+        {withTail("04 82 0100", 256), 0x04, 4},
+        {hex("04 84 00000001 AA"), 0x04, 6},
+        {hex("04 80 0000"), 0, 0},
+        {hex("04 85 0000000001 AA"), 0, 0},
+        {hex("04 82 01"), 0, 0},
+        {hex("04 84 FFFFFFFF AA"), 0, 0},
+        {hex("04 03 AABB"), 0, 0}};
+    for (const auto& [encoded, tag, header] : rows)
+        checkParse<libapdu::CBERTLV>(encoded, tag, header);
+    const TBytes raw = hex("E1 0E 5F 01 AA 4F 01 BB 5F 01 CC 1F 81 01 01 EE 5F 00");
+    const libapdu::CBERTLV outer = libapdu::CBERTLV::parse(raw.data(), raw.size());
+    const libapdu::CBERTLV first = outer.getChild(0x5F), second = outer.getChild(0x5F, &first);
+    EXPECT_EQ(second.asBytes(), hex("CC"));
+    EXPECT_TRUE(throwsZero([&] { outer.getChild(0x5F, &second); }));  // 5F 00 is behind the end
+    EXPECT_EQ(outer.getChild(0x01811F).asNumber(), 0xEEul);
+    EXPECT_EQ(outer.getChild(0x4F, &first).asBytes(), hex("BB"));
+    EXPECT_TRUE(throwsZero([&] { outer.getChild(0x811F); }));
+    EXPECT_EQ(libapdu::CBERTLV(raw.data() + 2, raw.size() - 2).getChild(0x5F, &second).size(), 0u);
+    // A primitive parent whose value looks like a child, a child past its
+    // parent (which the buffer holds), a long length past it, a corrupt sibling.
+    for (const char* parent : {"04 03 04 01 AA", "30 04 04 05 0102030405", "30 03 04 82 0000",
+                               "30 06 04 80 00 04 01 05"}) {
+        const TBytes p = hex(parent);
+        EXPECT_TRUE(throwsZero([&] { libapdu::CBERTLV::parse(p.data(), p.size()).getChild(0x04); }))
+            << parent;
+    }
+}
+
+TEST(TokenType, EveryRowMatchesItsOwnAtrOnlyAndMaskedBitsAreFree) {
+    using libapdu::TTokenType;
+    const std::pair<const TTokenType*, const char*> rows[] = {
+        {&TTokenType::TVandrelR2, "3B 81 1F 00 CC 52"},
+        {&TTokenType::TVandrelPro16, "3B E2 00 FF C1 10 31 FE 55 C8 02 9C"},
+        {&TTokenType::TVandrelPro32, "3B F2 98 00 FF C1 10 31 FE 55 C8 03 15"},
+        {&TTokenType::TVandrelPro42, "3B F2 18 00 00 C1 0A 31 FE 55 C8 06 00"},
+        {&TTokenType::TVandrelPro42b, "3B F2 18 00 02 C1 0A 31 FE 58 C8 09 75"},
+        {&TTokenType::TVandrelJava10, "3B D5 18 00 81 31 FE 7D 80 73 C8 21 10 F4"},
+        {&TTokenType::TVandrelJava10b, "3B D5 18 00 81 31 3A 7D 80 73 C8 21 10 30"},
+        {&TTokenType::TAthenaIDProtect, "3B D5 00 FF 80 91 FE 1F C3 80 73 C8 21 10 00"},
+        {&TTokenType::TAthenaKestora,
+         "3B DC 18 FF 81 91 FE 1F C3 80 73 C8 21 13 66 01 06 11 59 00 01 28"},
+        {&TTokenType::TAthenaKestoraEMVT1,
+         "3B FC 13 00 FF 81 31 FE 45 80 73 C8 21 13 66 01 06 11 59 00 01 3A"},
+        {&TTokenType::TAthenaKestoraEMVT0, "3B 6C 00 FF 80 73 C8 21 13 66 01 06 11 59 00 01"},
+        {&TTokenType::TAthenaKestoraLT,
+         "3B DC 18 FF 81 11 FE 80 73 C8 21 13 66 01 06 01 30 80 01 8D"},
+        {&TTokenType::TVandrelPro42, "3B F2 18 00 FF C1 0A 31 FE 55 C8 06 7F"},  // 4 and 12 free
+        {&TTokenType::TAthenaIDProtect, "3B D5 96 FF 8F 91 FE 1F C3 80 73 C8 21 1E 5A"},  // nibbles
+        {&TTokenType::TUnknown,
+         "3B D5 96 FF 9F 91 FE 1F C3 80 73 C8 21 1E 5A"},  // a high one counts
+        {&TTokenType::TUnknown, ""}};
+    for (const auto& [row, atr] : rows) {
+        const TBytes bytes = hex(atr);
+        EXPECT_EQ(&TTokenType::fromAtr(bytes), row) << atr;
+        if (row == &TTokenType::TUnknown) continue;
+        TBytes longer = bytes, flipped = bytes;
+        longer.push_back(0x00);
+        flipped[1] ^= 0x01;  // a byte every mask keeps whole
+        EXPECT_EQ(&TTokenType::fromAtr(longer), &TTokenType::TUnknown) << atr << " + 1 byte";
+        EXPECT_EQ(&TTokenType::fromAtr(TBytes(bytes.begin(), bytes.end() - 1)),
+                  &TTokenType::TUnknown)
+            << atr << " - 1 byte";
+        EXPECT_NE(&TTokenType::fromAtr(flipped), row) << atr;
     }
 }
 

@@ -1,6 +1,6 @@
 // Status word translation against tables written out here independently of
 // the library's own: the common folding as ranges, and each dialect's
-// rewrites, checked over all 65,536 words.
+// rewrites, checked over all 65,536 words. And the applet frame around them.
 #include "libapdu/error.h"
 
 #include <gtest/gtest.h>
@@ -115,18 +115,32 @@ TEST(StatusExtract, LastTwoBytesHighByteFirstButLowByteFirstOnR2) {
     const struct {
         const char* response;
         unsigned short plain, r2;
-    } rows[] = {{"", 0, 0},
-                {"90", 0, 0},
-                {"90 00", 0x9000, 0x0090},
-                {"00 90", 0x0090, 0x9000},
-                {"01 02 6A 82", 0x6A82, 0x826A}};
+    } rows[] = {
+        {"", 0, 0}, {"90", 0, 0}, {"90 00", 0x9000, 0x0090}, {"01 02 6A 82", 0x6A82, 0x826A}};
     for (const auto& r : rows) {
         EXPECT_EQ(plain.extractSW(hex(r.response)), r.plain) << r.response;
         EXPECT_EQ(r2.extractSW(hex(r.response)), r.r2) << r.response;
     }
-    // A response too short for a word is an unknown failure, as checkSW sees it.
-    EXPECT_EQ(failureCode([&] { plain.raiseSW(plain.extractSW({0x90})); }), code(0xFFFF));
     EXPECT_EQ(failureCode([&] { r2.raiseSW(r2.extractSW(hex("AA 00 90"))); }), 0);
+}
+
+TEST(AppletFrame, StubsFailWithFaceAndTheAppletChecksThroughItsErrorObject) {
+    IApplet plain;  // plain objects of its own, not the statics
+    const CAdapter stubs, adapter = AppletToAdapter(&plain);
+    EXPECT_EQ(stubs.pin, &IAppPin::stub);
+    EXPECT_NE(adapter.fs, stubs.fs);
+    TBytes buffer(4);
+    EXPECT_EQ(failureCode([&] { stubs.pin->pathUser(); }), code(0xFACE));
+    EXPECT_EQ(failureCode([&] { adapter.fs->read(buffer, 0); }), code(0xFACE));
+    EXPECT_EQ(failureCode([&] { plain.bio()->loginType(); }), code(0xFACE));
+    EXPECT_EQ(failureCode([&] { plain.send(buffer, buffer); }), code(0xFACE)) << "no sender";
+    ScriptedSender sender;
+    IApplet applet(&sender);
+    sender.expect("00 B0 00 00 01", "AA 90 00");
+    TBytes r(258);
+    applet.send(hex("00 B0 00 00 01"), r);
+    EXPECT_EQ(failureCode([&] { applet.checkSW(r); }), 0);
+    EXPECT_EQ(failureCode([&] { applet.checkSW(hex("90")); }), code(0xFFFF)) << "no status word";
 }
 
 }  // namespace
