@@ -39,9 +39,7 @@ public:
     TBytes atr() override { return atr_; }
     bool allConsumed() const { return position == steps.size(); }
     std::size_t exchanges() const { return position; }
-    // The answer buffer size the driver offered at each exchange, and each command.
-    std::vector<std::size_t> offered;
-    std::vector<TBytes> sent;
+    std::vector<std::size_t> offered;  // the answer buffer the driver gave at each exchange
 
 private:
     struct Step {
@@ -71,7 +69,6 @@ private:
         const Step& s = steps[position];
         if (s.control != control || s.code != code || !matches(s.expected, got))
             fail("expected " + s.expected + "\n     got " + toHex(got));
-        if (!control) sent.push_back(got);
         return ++position, s;
     }
     void answer(const Step& s, TBytes& buffer) {

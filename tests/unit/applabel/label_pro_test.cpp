@@ -40,7 +40,6 @@ TEST_F(ProLabel, ReadsTheFileOfTheTokensFormFallingBackToTheLegacyOne) {
         std::string answer;  // empty: there and read; else the legacy file is read
         TBytes stored;
     } rows[] = {{false, kUtf8File, "", utf8},
-                {false, kUtf8File, "6A 82", legacy},
                 {false, kUtf8File, "69 82", legacy},
                 {true, kFipsFile, "", utf8}};
     for (const auto& r : rows) {
@@ -68,8 +67,7 @@ TEST_F(ProLabel, WritesPaddedFormsThenStampsTheToken) {
         TBytes utf8, legacy;  // legacy empty: none on a FIPS token
     } rows[] = {
         {false, "Token A", text("Token A", 32), text("Token A", 32)},
-        {false, full, text(full), text(full.substr(0, 31), 32)},
-        {false, "", TBytes(32, 0), TBytes(32, 0)},
+        {false, full, text(full), text(full.substr(0, 31), 32)},  // the legacy one is cut
         {true, full, text(full), {}},
     };
     for (const auto& r : rows) {

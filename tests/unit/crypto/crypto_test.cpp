@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <ctime>
 #include <string>
 
 #include "crypto/primitives.h"
@@ -99,9 +97,7 @@ TBytes cbc(const TBytes& key, const TBytes& iv, const TBytes& data, uint32_t dir
     for (; data.size() - at > step; at += step, written += static_cast<size_t>(n)) {
         qnCryptoCbc(&ctx, data.data() + at, static_cast<int>(step), nullptr, &size);
         qnCryptoCbc(&ctx, data.data() + at, static_cast<int>(step), out.data() + written, &n);
-        if (direction == 0) {
-            EXPECT_EQ(size, n);
-        }
+        EXPECT_TRUE(direction || size == n);
     }
     const int rest = static_cast<int>(data.size() - at);
     qnCryptoCbcFinal(&ctx, data.data() + at, rest, mode, nullptr, &size);
@@ -172,24 +168,6 @@ TEST_F(Toolkit, TripleDesMatchesOpenSslForBothKeySizesInAnyPiecesAndPaddings) {
             &status);
         EXPECT_EQ(status, kPad) << last;
     }
-    const TBytes zeroEnds = cat({oracle::random(8), hex("1122334455667700")});
-    uint32_t status = 0;  // a last byte of 0 passes as no padding at all
-    EXPECT_EQ(cbc(key, {}, oracle::evp("DES-EDE3-CBC", key, TBytes(8, 0), zeroEnds, true), 1,
-                  QN_PAD_PKCS5, 16, &status),
-              zeroEnds);
-}
-
-TEST_F(Toolkit, Pkcs12MatchesOpenSsl) {
-    for (int round = 0; round < 24; ++round) {
-        const TBytes pass = oracle::random(round * 7 % 70),
-                     salt = oracle::random(1 + round * 11 % 80);
-        const int id = 1 + round % 3, iter = 1 + round * 13 % 40, n = 1 + round * 5 % 70;
-        TBytes out(static_cast<size_t>(n));
-        qnCryptoPbePkcs12(qnCryptoAlgSHA1, pass.data(), static_cast<int>(pass.size()), salt.data(),
-                          static_cast<int>(salt.size()), iter, id, out.data(), n);
-        EXPECT_EQ(out, oracle::pkcs12(pass, salt, id, iter, static_cast<size_t>(n))) << round;
-    }
-    EXPECT_EQ(rv, 0u);
 }
 
 TEST_F(Toolkit, AFailureSticksAndOnlyTheCbcCoresStoreAFreshResult) {
@@ -229,37 +207,12 @@ TEST_F(Toolkit, AFailureSticksAndOnlyTheCbcCoresStoreAFreshResult) {
     qnCryptoFree(&ctx);
 }
 
-TEST_F(Toolkit, RandomIsReseededFromTheClockAtEachCall) {
-    TBytes a(32), b(32), recipe(32);
-    time_t before;
-    do {
-        before = std::time(nullptr);
-        qnCryptoRandomGenerate(nullptr, a.data(), 32);
-        crypto_random(b.data(), 32);
-    } while (before != std::time(nullptr));
-    EXPECT_EQ(a, b) << "same second, same bytes, also through the recipe";
-    std::srand(static_cast<unsigned>(before));
-    for (size_t i = 0; i < 32; ++i) EXPECT_EQ(a[i], static_cast<unsigned char>(std::rand())) << i;
-}
-
-TBytes md5(const TBytes& d) { return oracle::digest("MD5", d); }
-
 TEST(TokenCrypto, PinKeysMacsAndChallengeAnswersAndWrongLengthsLeaveTheOutput) {
     rv = 0;  // a failure stuck in the toolkit's rv would change what it computes
-    const TBytes data = oracle::random(19), pin = hex("31323334"), salt = oracle::random(20);
-    TBytes out32(32), key(24), java(24), pro(24), block(8), athena(16);
-    crypto_qntoken_md5_32(data.data(), data.size(), nullptr, 0, out32.data(), 32);
-    EXPECT_EQ(out32, cat({md5(data), md5(md5(data))}));
-    crypto_qntoken_md5_24(pin.data(), 4, nullptr, 0, key.data(), 24);
-    EXPECT_EQ(key, oracle::plainKey(pin));
-    const TBytes b0 = md5(hex("00 31323334"));  // guards the reference against a shared slip
-    EXPECT_EQ(key[1], ((b0[0] >> 7) | (b0[1] << 1)) & 0x7F);
-    for (int id : {1, 3, 0x103}) {  // PKCS #12, 999 rounds, on the low byte of the id
-        crypto_qntoken_java_sha1(id, pin.data(), pin.size(), salt.data(), 20, java.data(), 24);
-        crypto_qntoken_pro_sha1(id, pin.data(), pin.size(), salt.data(), 20, pro.data(), 24);
-        EXPECT_EQ(java, oracle::pkcs12(pin, salt, id & 0xFF, 999, 24)) << id;
-        EXPECT_EQ(pro, java);
-    }
+    const TBytes data = oracle::random(19), pin = hex("31323334");
+    TBytes key(24), block(8), athena(16);
+    crypto_qntoken_md5_24(pin.data(), 4, nullptr, 0, key.data(), 24);  // the Pro keys come
+    EXPECT_EQ(key, oracle::plainKey(pin));  // with the component tests against the card model
     const TBytes k24 = oracle::random(24), nine = oracle::random(9);
     const TBytes eight(nine.begin(), nine.end() - 1);
     crypto_qntoken_des3_mac(nine.data(), 8, k24.data(), 24, block.data(), 8);
@@ -278,33 +231,6 @@ TEST(TokenCrypto, PinKeysMacsAndChallengeAnswersAndWrongLengthsLeaveTheOutput) {
     crypto_qntoken_des3_mac(p, 8, p, 16, untouched.data(), 8);      // key
     crypto_athena_response(p, 4, p, 8, untouched.data(), 16);       // challenge
     EXPECT_EQ(untouched, TBytes(40, 0xA5));
-}
-
-TEST(TokenCrypto, SecureMessagingOfTheOtherDialects) {
-    rv = 0;  // the Pro forms come with the pack tests
-    for (size_t keyLen : {16u, 24u}) {
-        const TBytes key = oracle::random(keyLen), data = oracle::random(21);
-        TBytes out, athena, back, mac;
-        crypto_sm_enc(key, data, out, {});
-        crypto_sm_enc_athena(key, data, athena, {});
-        EXPECT_EQ(athena, out);
-        crypto_sm_dec(key, out, back, {});
-        EXPECT_EQ(back, data);
-        crypto_sm_mac(key, data, mac);
-        EXPECT_EQ(mac, oracle::des3CbcMac(key, oracle::isoPad(data)));
-        crypto_sm_mac_athena(key, data, mac);
-        EXPECT_EQ(mac, oracle::retailMac(key, oracle::isoPad(data)));
-    }
-    const TBytes key = oracle::random(24);
-    TBytes out(5, 0x42);  // faults leave the output as it was
-    crypto_sm_dec(key, oracle::evp("DES-EDE3-ECB", key, {}, hex("1122334455667788"), true), out,
-                  {});
-    rv = 0;
-    crypto_sm_dec(key, oracle::random(12), out, {});
-    rv = 0;
-    crypto_sm_mac(TBytes(20, 1), {1, 2, 3}, out);
-    EXPECT_EQ(out, TBytes(5, 0x42));
-    rv = 0;
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <memory>
-#include <vector>
 
 #include "crypto/rsa_helpers.h"
 #include "crypto/vlong.h"
@@ -17,22 +16,11 @@ namespace {
 
 using namespace krfs_test;
 
-#if defined(__SANITIZE_ADDRESS__)
-constexpr int kModexpRounds = 2;
-#else
-constexpr int kModexpRounds = 6;
-#endif
-
 using Bn = std::unique_ptr<BIGNUM, decltype(&BN_free)>;
 Bn bn(int bits = 0, int top = BN_RAND_TOP_ANY, int bottom = BN_RAND_BOTTOM_ANY) {
     Bn b(BN_new(), BN_free);
     if (bits > 0) BN_rand(b.get(), bits, top, bottom);
     return b;
-}
-Bn bn(const char* digits) {
-    BIGNUM* b = nullptr;
-    BN_hex2bn(&b, digits);
-    return Bn(b, BN_free);
 }
 TBytes bytesOf(const BIGNUM* b) {
     TBytes out(static_cast<size_t>(BN_num_bytes(b)));
@@ -51,23 +39,16 @@ TBytes bytesOf(const vlong& v) {
                   out.end());
 }
 
-TEST(Vlong, ArithmeticMatchesBignumOnRandomNumbersAndCornerPatterns) {
+TEST(Vlong, ArithmeticMatchesBignum) {
     BN_CTX* ctx = BN_CTX_new();
-    std::vector<std::pair<Bn, Bn>> pairs;
-    for (int round = 0; round < 200; ++round)
-        pairs.emplace_back(bn(1 + round * 37 % 700), bn(1 + round * 53 % 400));
-    // All-ones and lone top bits exercise the quotient estimate's correction and add-back.
-    for (const char* x :
-         {"FFFFFFFFFFFFFFFFFFFFFFFFFFFFFFFF", "80000000000000000000000000000000",
-          "800000000000000000000001", "FFFFFFFF00000000FFFFFFFF", "7FFFFFFF80000001", "1"})
-        for (const char* y :
-             {"FFFFFFFF", "100000000", "7FFFFFFF80000001", "800000000000000000000001"})
-            pairs.emplace_back(bn(x), bn(y));
-    for (const auto& [a, b] : pairs) {
+    for (int round = 0; round < 200; ++round) {
+        SCOPED_TRACE(round);
+        // Lone top bits exercise the quotient estimate's correction and add-back.
+        Bn a = bn(1 + round * 37 % 700, round % 3 ? BN_RAND_TOP_ANY : BN_RAND_TOP_ONE),
+           b = bn(1 + round * 53 % 400),
+           m = bn(64 + round * 9, BN_RAND_TOP_ONE, BN_RAND_BOTTOM_ODD);
         if (BN_is_zero(b.get())) BN_one(b.get());
-        SCOPED_TRACE(&a - &pairs[0].first);
-        const vlong va = fromBn(a.get()), vb = fromBn(b.get());
-        const unsigned shift = BN_num_bits(b.get()) % 70;
+        const vlong va = fromBn(a.get()), vb = fromBn(b.get()), vm = fromBn(m.get());
         Bn r = bn(), q = bn();
         BN_add(r.get(), a.get(), b.get());
         EXPECT_EQ(bytesOf(va + vb), bytesOf(r.get()));
@@ -76,42 +57,16 @@ TEST(Vlong, ArithmeticMatchesBignumOnRandomNumbersAndCornerPatterns) {
         BN_div(q.get(), r.get(), a.get(), b.get(), ctx);
         EXPECT_EQ(bytesOf(va / vb), bytesOf(q.get()));
         EXPECT_EQ(bytesOf(va % vb), bytesOf(r.get()));
-        BN_gcd(r.get(), a.get(), b.get(), ctx);
-        EXPECT_EQ(bytesOf(gcd(va, vb)), bytesOf(r.get()));
-        BN_lshift(r.get(), a.get(), static_cast<int>(shift));
-        EXPECT_EQ(bytesOf(va << shift), bytesOf(r.get()));
-        BN_rshift(r.get(), a.get(), static_cast<int>(shift));
-        EXPECT_EQ(bytesOf(va >> shift), bytesOf(r.get()));
-    }
-    BN_CTX_free(ctx);
-}
-
-TEST(Vlong, ModularArithmeticMatchesBignumAndTheEdgesAreDefined) {
-    BN_CTX* ctx = BN_CTX_new();
-    for (int bits : {64, 300, 521, 1024, 1536, 2048}) {
-        for (int round = 0; round < (bits > 1024 ? kModexpRounds : 2 * kModexpRounds); ++round) {
-            SCOPED_TRACE(testing::Message() << bits << " bits, round " << round);
-            Bn m = bn(bits, BN_RAND_TOP_ONE, BN_RAND_BOTTOM_ODD), x = bn(), r = bn();
-            Bn e = bn(round % 2 ? 160 : bits);
-            BN_rand_range(x.get(), m.get());
-            BN_mod_exp(r.get(), x.get(), e.get(), m.get(), ctx);
-            const vlong vx = fromBn(x.get()), vm = fromBn(m.get());
-            EXPECT_EQ(bytesOf(modexp(vx, fromBn(e.get()), vm)), bytesOf(r.get()));
-            if (BN_mod_inverse(r.get(), x.get(), m.get(), ctx) != nullptr) {
-                EXPECT_EQ(bytesOf(modinv(vx, vm)), bytesOf(r.get()));
-            }
+        BN_lshift(r.get(), a.get(), round % 70);
+        EXPECT_EQ(bytesOf(va << static_cast<unsigned>(round % 70)), bytesOf(r.get()));
+        if (round % 10 == 0) {  // the slow ones less often
+            BN_mod_exp(r.get(), a.get(), b.get(), m.get(), ctx);
+            EXPECT_EQ(bytesOf(modexp(va, vb, vm)), bytesOf(r.get()));
         }
     }
     BN_CTX_free(ctx);
-    const vlong d = vlong(5) - vlong(7), x = 1234567;
-    EXPECT_TRUE(d.is_neg() && d < vlong(0) && (d * vlong(7)).is_neg());
-    EXPECT_EQ(static_cast<unsigned>(d), 2u);
-    EXPECT_FALSE((d + vlong(2)).is_neg()) << "zero is never negative";
-    EXPECT_TRUE((x / vlong(0)).is_zero()) << "division by zero is defined";
-    EXPECT_EQ(static_cast<unsigned>(x % vlong(0)), 1234567u);
-    EXPECT_EQ(static_cast<unsigned>(modexp(2, 10, 1000)), 24u) << "even modulus: plain";
-    EXPECT_EQ(static_cast<unsigned>(modexp(7, 0, 1001)), 1u);
-    EXPECT_TRUE(modexp(7, 5, 0).is_zero()) << "m = 0 is defined as 0";
+    EXPECT_TRUE((vlong(1234567) / vlong(0)).is_zero()) << "division by zero is defined";
+    EXPECT_TRUE((vlong(5) - vlong(7)).is_neg());
 }
 
 // A certificate skeleton, SEQ { SEQ { [0] INT SEQ SEQ SEQ SEQ SEQ { SEQ BITSTRING

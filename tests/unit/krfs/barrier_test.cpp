@@ -42,12 +42,8 @@ TEST(Barrier, EveryEntryRefusesNullAndOtherKindsOfHandle) {
         for (long (*entry)(__tag_HToken*) : {KRTokenRebind, KRTokenUnbind, KRTokenLock,
                                              KRTokenUnLock, KRTokenLogout, QNTokenLogout})
             EXPECT_EQ(entry(h), 0x80000003L);
-        EXPECT_EQ(KRSelectApplet(h, 0x1002), 0x80000003L);
         EXPECT_EQ(KRTokenLogin(h, "x"), 0x80000003L);
-        EXPECT_EQ(KRTokenPinChange(h, "x"), 0x80000003L);
-        EXPECT_EQ(KRTokenPinAttemptsGet(h, &n), 0x80000003L);
         EXPECT_EQ(KRTokenLabelGet(h, buf, &n), 0x80000003L);
-        EXPECT_EQ(QNTokenIDGet(h, buf, &n), 0x80000003L);
     }
     EXPECT_EQ(KRReadersEnumOpen(nullptr), 0x80000003L);
     EXPECT_EQ(KRTokenBind(nullptr, "reader"), 0x80000003L);
