@@ -1,5 +1,5 @@
-// Byte helpers, and independent references built on OpenSSL only: ciphers,
-// digests, MACs, PKCS #12 keys and the Pro PIN keys and secure messaging.
+// Byte helpers, and references built on OpenSSL only: ciphers, digests, the
+// retail MAC, PKCS #12, and the Pro PIN keys and secure messaging.
 #pragma once
 
 #include <openssl/evp.h>
@@ -106,13 +106,6 @@ inline TBytes retailMac(const TBytes& key, const TBytes& padded) {
         chain = evp("DES-ECB", part(0), {}, chain, true);
     }
     return evp("DES-ECB", part(2), {}, evp("DES-ECB", part(1), {}, chain, false), true);
-}
-
-// Full triple DES CBC-MAC: the last block of the CBC encryption.
-inline TBytes des3CbcMac(const TBytes& key, const TBytes& padded) {
-    TBytes c =
-        evp(key.size() == 16 ? "DES-EDE-CBC" : "DES-EDE3-CBC", key, TBytes(8, 0), padded, true);
-    return TBytes(c.end() - 8, c.end());
 }
 
 // PKCS #12 key derivation with SHA-1 over the password as a BMPString.

@@ -21,6 +21,7 @@ using namespace libapdu;
 
 class ScriptedSender : public ISender {
 public:
+    ~ScriptedSender() override { EXPECT_TRUE(allConsumed()) << "stopped at exchange " << position; }
     ScriptedSender& expect(const std::string& command, const std::string& response) {
         steps.push_back({false, 0, command, hex(response)});
         return *this;
@@ -38,7 +39,6 @@ public:
     }
     TBytes atr() override { return atr_; }
     bool allConsumed() const { return position == steps.size(); }
-    std::size_t exchanges() const { return position; }
     std::vector<std::size_t> offered;  // the answer buffer the driver gave at each exchange
 
 private:
