@@ -13,28 +13,17 @@ namespace {
 
 using namespace krfs_test;
 
-// A card that presents an ATR and refuses every command with 6D 00.
+// An R2 card that refuses every command with 6D 00.
 struct RefusingCard : ISender {
-    RefusingCard(const char* atr, int* sent) : atrBytes(hex(atr)), sent(sent) {}
-    void send(const TBytes&, TBytes& r) override { ++*sent, r = {0x6D, 0x00}; }
-    TBytes atr() override { return atrBytes; }
-    TBytes atrBytes;
-    int* sent;
+    void send(const TBytes&, TBytes& r) override { r = {0x6D, 0x00}; }
+    TBytes atr() override { return hex("3B 81 1F 00 CC 52"); }
 };
-
-const char* kR2Atr = "3B 81 1F 00 CC 52";
-
-std::unique_ptr<::CToken> attached(const char* atr, int* sent) {
-    std::unique_ptr<::CToken> t(new ::CToken);
-    t->Attach(std::unique_ptr<ISender>(new RefusingCard(atr, sent)));
-    return t;
-}
 
 // The lock rule aborts with the standard assertion text, in every build.
 TEST(SessionDeathTest, CallsAgainstTheLockRuleAbort) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    int sent = 0;
-    auto t = attached(kR2Atr, &sent);
+    auto t = std::make_unique<::CToken>();
+    t->Attach(std::make_unique<RefusingCard>());
     DWORD n = 0;
     EXPECT_DEATH(t->Login("1"),
                  "void CToken::Login\\(const char\\*\\): Assertion `IsLocked \\(\\)' failed");
