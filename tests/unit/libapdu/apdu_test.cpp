@@ -1,187 +1,173 @@
-// Command building helpers and the splitting of command APDUs.
+// Building and splitting command APDUs, and the simple and BER TLV views.
 #include "libapdu/apdu.h"
 
 #include <gtest/gtest.h>
 
-#include "libapdu/exception.h"
+#include <tuple>
+#include <vector>
+
+#include "unit/scripted_sender.h"
 
 namespace {
 
-using libapdu::IAPDUDefinitions;
-using libapdu::operator<<;
+using namespace krfs_test;
+using D = IAPDUDefinitions;
 
-TBytes filled(size_t n, unsigned char first = 0) {
-    TBytes b(n);
-    for (size_t i = 0; i < n; ++i) b[i] = static_cast<unsigned char>(first + i);
-    return b;
+TEST(AddHelpers, NumbersGoBigEndianAndLengthsTakeTheirFormAtTheBoundaries) {
+    EXPECT_EQ(D::endian(static_cast<unsigned short>(0x12FF)), 0xFF12);
+    EXPECT_EQ(D::endian(0xFF000080u), 0x800000FFu);
+    TBytes out{0xEE};
+    D::add_w(out, 0x1234);
+    D::add_tagw(out, 0x80, 0xA1B2);
+    out << static_cast<unsigned char>(0x01) << TBytes{0x02, 0x03};
+    EXPECT_EQ(out, hex("EE 1234 80 02 A1B2 01 0203"));
+    // The length prefix of add_1, and of add_12 with escape FF, which takes the
+    // escaped form one byte earlier; empty: refused, the output left alone.
+    const struct {
+        size_t size;
+        const char *add1, *add12;
+    } rows[] = {{0, "00", "00"},       {254, "FE", "FE"},        {255, "FF", "FF 00 FF"},
+                {256, "", "FF 01 00"}, {0xFFFF, "", "FF FF FF"}, {0x10000, "", ""}};
+    for (const auto& r : rows) {
+        const TBytes data(r.size, 0x5A);
+        TBytes one{0xEE}, twelve{0xEE};
+        EXPECT_EQ(failureCode([&] { D::add_1(one, data); }), *r.add1 ? 0 : code(0x6281));
+        EXPECT_EQ(failureCode([&] { D::add_12(twelve, data, 0xFF); }), *r.add12 ? 0 : code(0x6281));
+        EXPECT_EQ(one, *r.add1 ? cat({{0xEE}, hex(r.add1), data}) : TBytes{0xEE}) << r.size;
+        EXPECT_EQ(twelve, *r.add12 ? cat({{0xEE}, hex(r.add12), data}) : TBytes{0xEE}) << r.size;
+    }
+    TBytes tagged;  // the tagged forms put the tag first
+    D::add_tag1(tagged, 0x81, {0x01});
+    D::add_tag12(tagged, 0x82, TBytes(255, 0x02), 0xFF);
+    EXPECT_EQ(tagged, cat({hex("81 01 01 82 FF 00 FF"), TBytes(255, 0x02)}));
+    TBytes escaped;
+    D::add_12(escaped, TBytes(300), 0x00);
+    EXPECT_EQ(TBytes(escaped.begin(), escaped.begin() + 3), hex("00 01 2C"));
 }
 
-TBytes cat(std::initializer_list<TBytes> parts) {
-    TBytes out;
-    for (const TBytes& p : parts) out.insert(out.end(), p.begin(), p.end());
+TEST(ParseCapdu, SplitsEveryCaseOrRejects) {
+    const TBytes big(256, 0x5A);
+    const std::tuple<TBytes, TBytes, unsigned short> split[] = {
+        // command, data, Le
+        {hex("00A40000"), {}, 0},
+        {hex("00B00000 10"), {}, 0x10},
+        {hex("00D60000 02 AABB 05"), hex("AABB"), 5},
+        {cat({hex("00D60000 000100"), big, hex("001000")}), big, 0x1000},
+        {hex("00D60000 02 AABB"), hex("AABB"), 0},
+        {hex("00D60000 01 AA 000102"), hex("AA"), 0x0102},
+        {hex("00B00000 000102"), {}, 0x0102},
+        {hex("00D60000 000000 05"), {}, 5}};
+    for (const auto& [apdu, expected, expectedLe] : split) {
+        TBytes header{0x99}, data{0x99};  // stale content is replaced, not appended to
+        unsigned short le = 0x9999;
+        D::parse_capdu(apdu, header, data, le);
+        EXPECT_EQ(header, TBytes(apdu.begin(), apdu.begin() + 4));
+        EXPECT_EQ(data, expected) << toHex(apdu);
+        EXPECT_EQ(le, expectedLe) << toHex(apdu);
+    }
+    // Lc beyond the buffer, extended or not; three Le bytes without the leading
+    // zero; four trailing bytes.
+    for (const char* apdu : {"", "00D60000 05 AABB", "00D60000 00FFFF AA", "00D60000 01 AA 010102",
+                             "00D60000 01 AA 00000000"}) {
+        TBytes header, data;
+        unsigned short le = 0;
+        EXPECT_EQ(failureCode([&] { D::parse_capdu(hex(apdu), header, data, le); }), code(0x6B00))
+            << apdu;
+    }
+}
+
+// Whether f throws the plain integer 0, the failure of both TLV views.
+template <class F>
+bool throwsZero(F f) {
+    try {
+        f();
+    } catch (int code) {
+        return code == 0;
+    }
+    return false;
+}
+
+TBytes withTail(const char* head, size_t tail) {
+    TBytes out = hex(head);
+    out.resize(out.size() + tail, 0x5A);
     return out;
 }
 
-// The code of the CAPDUException that f throws, or 0 when it returns.
-template <class F>
-long raised(F f) {
-    try {
-        f();
-        return 0;
-    } catch (const CAPDUException& e) {
-        return e.code();
+// Bounded parses: each accepted TLV gives its tag and the value from `header`
+// on, as the trusted constructor does, and fails one byte short; each refused
+// one fails.
+template <class T>
+void checkParse(const std::vector<std::tuple<TBytes, unsigned, size_t>>& accepted,
+                const std::vector<TBytes>& refused) {
+    for (const auto& [encoded, tag, header] : accepted) {
+        SCOPED_TRACE(toHex(encoded));
+        const unsigned char* p = encoded.data();
+        const T t = T::parse(p, encoded.size()), u(p);
+        EXPECT_EQ(t.tag(), tag);
+        EXPECT_EQ(t.begin(), p + header);
+        EXPECT_EQ(t.end(), p + encoded.size());
+        EXPECT_EQ(u.tag(), tag);
+        EXPECT_EQ(u.end(), t.end());
+        EXPECT_TRUE(throwsZero([&] { T::parse(p, encoded.size() - 1); }));
     }
+    for (const TBytes& encoded : refused)
+        EXPECT_TRUE(throwsZero([&] { T::parse(encoded.data(), encoded.size()); }))
+            << toHex(encoded);
 }
 
-TEST(Endian, SwapsBytes) {
-    EXPECT_EQ(IAPDUDefinitions::endian(static_cast<unsigned short>(0x1234)), 0x3412);
-    EXPECT_EQ(IAPDUDefinitions::endian(static_cast<unsigned short>(0x00FF)), 0xFF00);
-    EXPECT_EQ(IAPDUDefinitions::endian(0x12345678u), 0x78563412u);
-    EXPECT_EQ(IAPDUDefinitions::endian(0xFF000080u), 0x800000FFu);
+TEST(Tlv, SimpleViewParsesWithinItsBufferAndWalksChildrenWithinTheParent) {
+    checkParse<libapdu::CTLV>({{hex("81 03 010203"), 0x81, 2},
+                               {withTail("82 FF 0100", 256), 0x82, 4},
+                               {withTail("83 FE", 254), 0x83, 2}},  // FE is still a short length
+                              {hex("FF 00"),
+                               hex("00 01 AA"),
+                               {},
+                               hex("81"),
+                               hex("81 05 0102"),
+                               hex("81 FF 01"),
+                               withTail("81 FF 0100", 255)});
+    const TBytes raw = hex("81 01 AA 82 02 BBCC 81 01 DD 83 00");
+    const libapdu::CTLV list(raw.data(), raw.size());
+    const libapdu::CTLV first = list.getChild(0x81), second = list.getChild(0x81, &first);
+    EXPECT_EQ(second.asBytes(), hex("DD"));
+    EXPECT_TRUE(throwsZero([&] { list.getChild(0x81, &second); }));
+    EXPECT_EQ(list.getChild(0x82).asNumber(), 0xBBCCul);
+    EXPECT_EQ(list.getChild(0x83, &first).begin(), raw.data() + raw.size());
+    EXPECT_TRUE(throwsZero([&] { list.getChild(0x84); }));
+    EXPECT_TRUE(throwsZero([&] { libapdu::CTLV(raw.data() + 7, 3).getChild(0x81, &first); }))
+        << "an 'after' from before the view";
+    // The parent ends after 4 bytes though the buffer holds all of 82's value.
+    const TBytes longer = hex("81 01 AA 82 05 0102030405");
+    EXPECT_TRUE(throwsZero([&] { libapdu::CTLV(longer.data(), 4).getChild(0x82); }));
 }
 
-TEST(AddHelpers, AppendBehindExistingBytes) {
-    TBytes out{0xEE};
-    IAPDUDefinitions::add_w(out, 0x1234);
-    EXPECT_EQ(out, (TBytes{0xEE, 0x12, 0x34}));
-
-    out = {0xEE};
-    IAPDUDefinitions::add_tagw(out, 0x80, 0xA1B2);
-    EXPECT_EQ(out, (TBytes{0xEE, 0x80, 0x02, 0xA1, 0xB2}));
-
-    out = {0xEE};
-    IAPDUDefinitions::add_1(out, {});
-    EXPECT_EQ(out, (TBytes{0xEE, 0x00}));
-
-    out = {0xEE};
-    IAPDUDefinitions::add_tag1(out, 0x83, {0x01, 0x02});
-    EXPECT_EQ(out, (TBytes{0xEE, 0x83, 0x02, 0x01, 0x02}));
-
-    out = {0xEE};
-    IAPDUDefinitions::add_tag12(out, 0x84, {0x07}, 0xFF);
-    EXPECT_EQ(out, (TBytes{0xEE, 0x84, 0x01, 0x07}));
-
-    out = {0xEE};
-    out << static_cast<unsigned char>(0x01) << TBytes{0x02, 0x03};
-    EXPECT_EQ(out, (TBytes{0xEE, 0x01, 0x02, 0x03}));
-}
-
-struct LengthCase {
-    size_t size;
-    TBytes add1;   // expected length prefix of add_1; empty when it fails
-    TBytes add12;  // expected length prefix of add_12 with escape 0xFF; empty when it fails
-};
-
-// add_12 takes the three-byte form one byte before add_1 runs out.
-const LengthCase kLengthCases[] = {
-    {1, {0x01}, {0x01}},
-    {254, {0xFE}, {0xFE}},
-    {255, {0xFF}, {0xFF, 0x00, 0xFF}},
-    {256, {}, {0xFF, 0x01, 0x00}},
-    {0xFFFF, {}, {0xFF, 0xFF, 0xFF}},
-    {0x10000, {}, {}},
-};
-
-TEST(AddHelpers, LengthFormsAtTheirBoundaries) {
-    for (const LengthCase& c : kLengthCases) {
-        SCOPED_TRACE(c.size);
-        const TBytes data = filled(c.size, 0x10);
-        TBytes out{0xEE};
-        if (c.add1.empty()) {
-            EXPECT_EQ(raised([&] { IAPDUDefinitions::add_1(out, data); }), 0x86E06281);
-            EXPECT_EQ(raised([&] { IAPDUDefinitions::add_tag1(out, 0x81, data); }), 0x86E06281);
-            EXPECT_EQ(out, TBytes{0xEE}) << "a failed add leaves the output alone";
-        } else {
-            IAPDUDefinitions::add_1(out, data);
-            EXPECT_EQ(out, cat({{0xEE}, c.add1, data}));
-        }
-
-        out = {0xEE};
-        if (c.add12.empty()) {
-            EXPECT_EQ(raised([&] { IAPDUDefinitions::add_12(out, data, 0xFF); }), 0x86E06281);
-            EXPECT_EQ(raised([&] { IAPDUDefinitions::add_tag12(out, 0x81, data, 0xFF); }),
-                      0x86E06281);
-            EXPECT_EQ(out, TBytes{0xEE});
-        } else {
-            IAPDUDefinitions::add_12(out, data, 0xFF);
-            EXPECT_EQ(out, cat({{0xEE}, c.add12, data}));
-            out = {};
-            IAPDUDefinitions::add_tag12(out, 0x81, data, 0xFF);
-            EXPECT_EQ(out, cat({{0x81}, c.add12, data}));
-        }
-    }
-}
-
-TEST(AddHelpers, Add12UsesTheGivenEscape) {
-    TBytes out;
-    IAPDUDefinitions::add_12(out, filled(300), 0x00);
-    EXPECT_EQ(TBytes(out.begin(), out.begin() + 3), (TBytes{0x00, 0x01, 0x2C}));
-    EXPECT_EQ(out.size(), 303u);
-}
-
-struct CapduCase {
-    const char* name;
-    TBytes apdu;
-    long failure;  // 0 when the split succeeds
-    TBytes data;
-    unsigned short le;
-};
-
-std::vector<CapduCase> capduCases() {
-    const TBytes big = filled(256, 0x40);
-    return {
-        {"header only", {0x00, 0xA4, 0x00, 0x00}, 0, {}, 0},
-        {"le only", {0x00, 0xB0, 0x00, 0x00, 0x10}, 0, {}, 0x10},
-        {"lc data le", {0x00, 0xD6, 0x00, 0x00, 0x02, 0xAA, 0xBB, 0x05}, 0, {0xAA, 0xBB}, 5},
-        {"extended lc, extended le",
-         cat({{0x00, 0xD6, 0x00, 0x00, 0x00, 0x01, 0x00}, big, {0x00, 0x10, 0x00}}), 0, big,
-         0x1000},
-        {"lc data, no le", {0x00, 0xD6, 0x00, 0x00, 0x02, 0xAA, 0xBB}, 0, {0xAA, 0xBB}, 0},
-        {"two le bytes", {0x00, 0xD6, 0x00, 0x00, 0x01, 0xAA, 0x01, 0x02}, 0, {0xAA}, 0x0102},
-        {"three le bytes",
-         {0x00, 0xD6, 0x00, 0x00, 0x01, 0xAA, 0x00, 0x01, 0x02},
-         0,
-         {0xAA},
-         0x0102},
-        {"extended le only", {0x00, 0xB0, 0x00, 0x00, 0x00, 0x01, 0x02}, 0, {}, 0x0102},
-        {"zero byte then word", {0x00, 0xB0, 0x00, 0x00, 0x00, 0x10}, 0, {}, 0x0010},
-        {"single zero le", {0x00, 0xB0, 0x00, 0x00, 0x00}, 0, {}, 0},
-        {"extended lc of zero", {0x00, 0xD6, 0x00, 0x00, 0x00, 0x00, 0x00, 0x05}, 0, {}, 5},
-        {"empty", {}, 0x86E06B00, {}, 0},
-        {"three bytes", {0x00, 0xA4, 0x00}, 0x86E06B00, {}, 0},
-        {"lc beyond the buffer", {0x00, 0xD6, 0x00, 0x00, 0x05, 0xAA, 0xBB}, 0x86E06B00, {}, 0},
-        {"extended lc beyond the buffer",
-         {0x00, 0xD6, 0x00, 0x00, 0x00, 0xFF, 0xFF, 0xAA},
-         0x86E06B00,
-         {},
-         0},
-        {"three le bytes without leading zero",
-         {0x00, 0xD6, 0x00, 0x00, 0x01, 0xAA, 0x01, 0x01, 0x02},
-         0x86E06B00,
-         {},
-         0},
-        {"four trailing bytes",
-         {0x00, 0xD6, 0x00, 0x00, 0x01, 0xAA, 0x00, 0x00, 0x00, 0x00},
-         0x86E06B00,
-         {},
-         0},
-    };
-}
-
-TEST(ParseCapdu, SplitsOrRejects) {
-    for (const CapduCase& c : capduCases()) {
-        SCOPED_TRACE(c.name);
-        // Stale content must be replaced, not appended to.
-        TBytes header{0x99, 0x99};
-        TBytes data{0x99};
-        unsigned short le = 0x9999;
-        const long failure =
-            raised([&] { IAPDUDefinitions::parse_capdu(c.apdu, header, data, le); });
-        EXPECT_EQ(failure, c.failure);
-        if (failure || c.failure) continue;
-        EXPECT_EQ(header, TBytes(c.apdu.begin(), c.apdu.begin() + 4));
-        EXPECT_EQ(data, c.data);
-        EXPECT_EQ(le, c.le);
+TEST(Tlv, BerViewParsesWithinItsBufferAndWalksChildrenWithinAConstructedParent) {
+    checkParse<libapdu::CBERTLV>(
+        {{hex("04 02 AABB"), 0x04, 2},
+         {withTail("5F 24", 0x24), 0x5F, 2},  // whole tags
+         {withTail("7F 03", 3), 0x7F, 2},
+         {hex("1F 81 01 00"), 0x01811F, 4},
+         {hex("04 81 02 AABB"), 0x04, 3},
+         {withTail("04 82 0100", 256), 0x04, 4},
+         {hex("04 84 00000001 AA"), 0x04, 6}},
+        {hex("7F 49 00"), hex("1F 00 00"), hex("1F 80 01 00"), hex("1F 1E 00"),
+         hex("1F 81 81 01 00"), hex("1F 81"), hex("04"), hex("04 80 0000"),
+         hex("04 85 0000000001 AA"), hex("04 82 01"), hex("04 84 FFFFFFFF AA"), hex("04 03 AABB")});
+    const TBytes raw = hex("E1 0E 5F 01 AA 4F 01 BB 5F 01 CC 1F 81 01 01 EE 5F 00");
+    const libapdu::CBERTLV outer = libapdu::CBERTLV::parse(raw.data(), raw.size());
+    const libapdu::CBERTLV first = outer.getChild(0x5F), second = outer.getChild(0x5F, &first);
+    EXPECT_EQ(second.asBytes(), hex("CC"));
+    EXPECT_TRUE(throwsZero([&] { outer.getChild(0x5F, &second); }));  // 5F 00 is behind the end
+    EXPECT_EQ(outer.getChild(0x01811F).asNumber(), 0xEEul);
+    EXPECT_EQ(outer.getChild(0x4F, &first).asBytes(), hex("BB"));
+    EXPECT_TRUE(throwsZero([&] { outer.getChild(0x811F); }));
+    // A primitive parent whose value looks like a child, a child past its
+    // parent (which the buffer holds), a long length past it, a corrupt sibling.
+    for (const char* parent : {"04 03 04 01 AA", "30 04 04 05 0102030405", "30 03 04 82 0000",
+                               "30 06 04 80 00 04 01 05"}) {
+        const TBytes p = hex(parent);
+        EXPECT_TRUE(throwsZero([&] { libapdu::CBERTLV::parse(p.data(), p.size()).getChild(0x04); }))
+            << parent;
     }
 }
 

@@ -1,0 +1,281 @@
+// The file-system drivers: the chunk loops of the base, and the Pro drivers
+// against a scripted card.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "token/appfs/fs_common.h"
+#include "token/appfs/fs_pro.h"
+#include "unit/scripted_sender.h"
+
+namespace {
+
+using namespace krfs_test;
+using Sizes = std::vector<std::size_t>;
+using Blocks = std::vector<std::pair<std::size_t, WORD>>;  // size, offset
+
+// Records the blocks of the chunk loops. read_bit fills each byte with the low
+// byte of its file offset, so a misplaced copy shows in the data.
+struct BlockRecorder : CFSCommon {
+    explicit BlockRecorder(WORD block) : CFSCommon(nullptr), block(block) {}
+    void read_bit(TBytes& data, WORD offset) override {
+        blocks.push_back({data.size(), offset});
+        for (std::size_t i = 0; i < data.size(); ++i) data[i] = (offset + i) & 0xFF;
+        data.resize(data.size() + 8, 0xCC);  // more than asked: the loop must cut it
+    }
+    void write_bit(const TBytes& data, WORD offset) override {
+        if (blocks.size() == failAt) APDU_RAISE(0x6581);
+        blocks.push_back({data.size(), offset});
+        written.insert(written.end(), data.begin(), data.end());
+    }
+    WORD bit_size() override { return block; }
+    WORD block;
+    Blocks blocks;
+    TBytes written;
+    std::size_t failAt = 99;
+};
+
+TEST(ChunkLoop, ReadAndWriteCutTheSameBlocksRefuseWrapAndStopAtAFailure) {
+    const struct {
+        WORD bitSize;
+        std::size_t length;
+        WORD offset;
+        Blocks blocks;
+    } rows[] = {{255, 600, 0, {{255, 0}, {255, 255}, {90, 510}}},
+                {255, 0, 0x1234, {}},
+                {255, 300, 100, {{255, 100}, {45, 355}}},
+                {255, 256, 0xFF00, {{255, 0xFF00}, {1, 0xFFFF}}},
+                {0, 10, 0, {}}};
+    for (const auto& r : rows) {
+        SCOPED_TRACE(std::to_string(r.length) + " by " + std::to_string(r.bitSize));
+        BlockRecorder reader(r.bitSize), writer(r.bitSize);
+        TBytes data(r.length, 0xEE), source(r.length);
+        for (std::size_t i = 0; i < r.length; ++i) source[i] = i * 7;
+        reader.read(data, r.offset);
+        writer.write(source, r.offset);
+        EXPECT_EQ(reader.blocks, r.blocks);
+        EXPECT_EQ(writer.blocks, r.blocks);
+        ASSERT_EQ(data.size(), r.length);
+        if (r.blocks.empty()) continue;
+        for (std::size_t i = 0; i < r.length; ++i) ASSERT_EQ(data[i], (r.offset + i) & 0xFF);
+        EXPECT_EQ(writer.written, source);
+    }
+    BlockRecorder fs(255);
+    TBytes data(0x20);
+    EXPECT_EQ(failureCode([&] { fs.read(data, 0xFFF0); }), code(0x6282));
+    EXPECT_EQ(failureCode([&] { fs.write(data, 0xFFF0); }), code(0x6A84));
+    fs.failAt = 1;
+    EXPECT_EQ(failureCode([&] { fs.write(TBytes(600), 0); }), code(0x6581));
+    EXPECT_EQ(fs.blocks, (Blocks{{255, 0}}));
+    for (WORD id : {0x0000, 0xFFFF, 0x3FFF, 0x3F00})
+        EXPECT_EQ(failureCode([&] { CFSCommon::valid_name(id); }), code(0x6900)) << id;
+    for (WORD id : {0x0001, 0x3F01, 0x3EFF, 0xFFFE})
+        EXPECT_EQ(failureCode([&] { CFSCommon::valid_name(id); }), 0) << id;
+}
+
+// Wraps inner tags in a 0x6F container.
+std::string fcp(const std::string& inner) {
+    char head[8];
+    std::snprintf(head, sizeof head, "6F %02X ", static_cast<unsigned>(hex(inner).size()));
+    return head + inner;
+}
+std::string ok(const std::string& data) { return data + " 90 00"; }
+std::string entries(std::initializer_list<unsigned> ids) {
+    std::string out;
+    char b[24];
+    for (unsigned id : ids) out += (std::snprintf(b, sizeof b, "6F 04 86 02 %04X ", id), b);
+    return out;
+}
+std::vector<int> fields(const CFileInfo& i) { return {i.type, i.size, i.read, i.write}; }
+
+// Both size tags, so that it serves CFSPro (0x81) and CFSPro4 (0x80).
+const std::string kFile16 = ok(fcp("82 01 01 81 02 00 10 80 02 00 10 86 02 00 11"));
+const std::string kMarkerSelect = "00 A4 08 00 04 66 66 00 01 00";
+const std::string kHome = "00 A4 08 00 02 66 66 00";
+
+struct ProFs : ::testing::Test {
+    void selected(TPath path, const std::string& command, const std::string& answer) {
+        sender.expect(command, answer);
+        fs->select(path);
+    }
+    // Each change rewrites the 16-byte marker file; nullptr: the marker is missing.
+    void marker(const char* writeAnswer) {
+        sender.expect(kMarkerSelect, writeAnswer ? kFile16 : "6A 82");
+        if (writeAnswer) sender.expect("00 D6 00 00 10" + anyBytes(16), writeAnswer);
+    }
+    ScriptedSender sender;
+    ScriptedApplet applet{&sender};
+    FixedInfo* info = applet.install<FixedInfo>(applet.info_, false);
+    CFSPro* fs = applet.install<CFSPro>(applet.fs_);
+};
+
+TEST_F(ProFs, SelectFormsAndTheHomeOfRelativePaths) {
+    const struct {
+        TPath path;
+        bool fips;
+        const char* command;
+        int fipsAsked;
+    } rows[] = {{{0x3F00}, true, "00 A4 00 00 00", 0},
+                {{}, false, "00 A4 08 00 02 66 66 00", 1},
+                {{}, true, "00 A4 08 00 04 66 66 50 00 00", 1},
+                {{0x000A}, true, "00 A4 08 00 06 66 66 50 00 00 0A 00", 1}};
+    for (const auto& r : rows) {
+        info->fips = r.fips;
+        info->asked = 0;
+        selected(r.path, r.command, kFile16);
+        EXPECT_EQ(info->asked, r.fipsAsked) << r.command;
+    }
+    EXPECT_EQ(failureCode([&] { fs->select(TPath(128, 0x0101)); }), code(0x6B00));
+}
+
+TEST_F(ProFs, ControlDataWithMissingOrShortTagsKeepsDefaults) {
+    const struct {
+        std::string answer;
+        std::vector<int> pro;  // type, size, read, write
+        int pro4Size;
+    } rows[] = {{fcp("82 01 01 81 02 01 2C 80 02 00 07 86 02 11 22"), {1, 300, 0x11, 0x22}, 7},
+                {fcp("82 01 01 81 02 00 05 80 01 05 86 01 11"), {1, 5, 0x11, 0xFF}, 5},
+                {fcp("82 01 38 81 02 01 00 80 02 01 00 86 01 33"), {2, 0, 0, 0x33}, 0},
+                {fcp("81 02 00 10 86 02 11 22"), {0, 0, 0x11, 0x22}, 0},  // no descriptor
+                {fcp("82 01 01 81 00 80 00 86 00"), {1, 0, 0xFF, 0xFF}, 0},
+                {"6F 06 82 01 01 81 02 00", {1, 0, 0xFF, 0xFF}, 0}};  // size cut short
+    // Other containers, none, a container or a child past its end, a cut length,
+    // an invalid tag first: all defaults.
+    const char* broken[] = {"62 07 82 01 01 81 02 00 10", "",
+                            "6F 04 82 00 81 02 00 10",    "6F 20 82 01 01 81 02 00 10",
+                            "6F 03 82 05 01 81 02 00 10", "6F FF 00",
+                            "6F 06 00 01 01 82 01 01"};
+    for (bool pro4 : {false, true}) {
+        if (pro4) fs = applet.install<CFSPro4>(applet.fs_);
+        for (const auto& r : rows) {
+            selected({0x3F00, 0x1234}, "00 A4 08 00 02 12 34 00", ok(r.answer));
+            std::vector<int> want = r.pro;
+            if (pro4) want[1] = r.pro4Size;
+            EXPECT_EQ(fields(fs->info()), want) << r.answer << (pro4 ? " on Pro4" : "");
+        }
+        for (const char* answer : broken) {
+            selected({0x3F00, 0x1234}, "00 A4 08 00 02 12 34 00", ok(answer));
+            EXPECT_EQ(fields(fs->info()), std::vector<int>({0, 0, 0xFF, 0xFF})) << answer;
+        }
+    }
+}
+
+TEST_F(ProFs, CreateSendsTheTemplatesThenRewritesTheMarkerUnlessRefused) {
+    const std::string file = "86 07 01 02 02 02 02 02 02", dir = "86 08 02 02 02 02 02 02 02 02";
+    const struct {
+        bool pro4;
+        int type;
+        std::string command;
+    } rows[] = {
+        {false, 1,
+         "00 E0 00 00 1D 6F 1B 82 03 01 00 00 85 03 00 00 00 83 02 12 34 81 02 01 02 " + file},
+        {false, 2,
+         "00 E0 00 00 1E 6F 1C 82 03 38 00 00 85 03 00 00 00 83 02 12 34 81 02 00 00 " + dir},
+        {true, 1, "00 E0 00 00 19 62 17 82 01 01 85 01 00 83 02 12 34 80 02 01 02 " + file},
+        {true, 2, "00 E0 00 00 1A 62 18 82 01 38 85 01 00 83 02 12 34 81 02 00 00 " + dir}};
+    for (const auto& r : rows) {
+        if (r.pro4) fs = applet.install<CFSPro4>(applet.fs_);
+        sender.expect(r.command, "90 00");
+        marker("90 00");
+        fs->create(0x1234, CFileInfo(r.type, 0x0102, 0x01, 0x02));
+    }
+    EXPECT_EQ(sender.offered, (Sizes{258, 258, 2, 258, 258, 2, 258, 258, 2, 258, 258, 2}));
+
+    fs = applet.install<CFSPro>(applet.fs_);
+    EXPECT_EQ(failureCode([&] { fs->create(0x3F00, CFileInfo(1, 1, 0, 0)); }), code(0x6900));
+    EXPECT_EQ(failureCode([&] { fs->create(1, CFileInfo(3, 1, 0, 0)); }), code(0xFACE));
+
+    const CFileInfo small(1, 1, 0, 0);
+    sender.expect("00 E0 00 00 1D" + anyBytes(0x1D), "6A 80");  // no marker after a failure
+    EXPECT_EQ(failureCode([&] { fs->create(1, small); }), code(0x6A89));
+
+    info->fips = true;  // the marker stays under 6666 all the same, and may be missing
+    sender.expect("00 E0 00 00 1D" + anyBytes(0x1D), "90 00");
+    sender.expect(kMarkerSelect, ok(fcp("82 01 01 81 02 00 08")));  // too small: no write
+    EXPECT_EQ(failureCode([&] { fs->create(1, small); }), 0);
+    EXPECT_EQ(info->asked, 0);
+}
+
+TEST_F(ProFs, RemoveDeletesFromTheParentAndAFailedSelectKeepsThePreviousNode) {
+    selected({0x3F00}, "00 A4 00 00 00", kDirFcp);
+    EXPECT_EQ(failureCode([&] { fs->remove(); }), code(0x6900));  // the master file
+    selected({0x1000, 0x0005}, "00 A4 08 00 06 66 66 10 00 00 05 00", kFile16);
+    sender.expect("00 A4 08 00 02 00 06 00", "6A 82");
+    EXPECT_EQ(failureCode([&] { fs->select({0x3F00, 0x0006}); }), code(0x6A82));
+    sender.expect("00 A4 08 00 04 66 66 10 00 00", kDirFcp);  // remove still acts on 0005
+    sender.expect("00 E4 00 00 02 00 05", "90 00");
+    marker("69 82");  // a failed marker write changes nothing
+    fs->remove();
+    EXPECT_EQ(fields(fs->info()), std::vector<int>({1, 16, 0x00, 0x11}));
+}
+
+TEST_F(ProFs, ListAsksFromTheCountHeldAndKeepsWhatCameBeforeABrokenAnswer) {
+    selected({}, kHome, kFile16);
+    EXPECT_EQ(failureCode([&] { fs->list(1); }), code(0x6283));
+    selected({}, kHome, kDirFcp);
+    sender.expect("80 16 01 00 00", ok(entries({0x0001, 0x0002})));
+    sender.expect("80 16 01 02 00", ok(entries({0x1003})));
+    sender.expect("80 16 01 03 00", "90 00");
+    EXPECT_EQ(fs->list(1), (TPath{0x0001, 0x0002, 0x1003}));
+    sender.expect("80 16 00 00 00", "90 00");  // 2 lists directories
+    EXPECT_EQ(fs->list(2), TPath());
+    sender.expect("80 16 01 00 00", ok(entries({1})));
+    sender.expect("80 16 01 01 00", "6A 82");
+    EXPECT_EQ(failureCode([&] { fs->list(1); }), code(0x6A82));
+    EXPECT_EQ(sender.offered.back(), 258u);
+    const struct {  // broken answers keep what came before
+
+        std::string answer;
+        TPath kept;
+    } rows[] = {{entries({1, 2}) + "6F 09 86 02 00 03", {1, 2}},  // entry past the answer
+                {entries({1}) + "6F 02 86 02 00 03", {1}},        // id past its entry
+                {"6F 02 86 00" + entries({2}), {}},               // empty id
+                {entries({1}) + "00 00" + entries({2}), {1}},
+                {"6F", {}}};
+    for (const auto& r : rows) {
+        sender.expect("80 16 01 00 00", ok(r.answer));
+        if (!r.kept.empty()) sender.expect("80 16 01" + anyBytes(2), "90 00");
+        EXPECT_EQ(fs->list(1), r.kept) << r.answer;
+    }
+}
+
+TEST_F(ProFs, ReadAndUpdateCutBlocksOf255WithExactBuffersWithinTheFileSize) {
+    selected({0x0001}, kMarkerSelect, ok(fcp("82 01 01 81 02 01 2C")));
+    TBytes want(300);
+    for (std::size_t i = 0; i < want.size(); ++i) want[i] = i * 3;
+    const std::string first = toHex(TBytes(want.begin(), want.begin() + 255));
+    const std::string second = toHex(TBytes(want.begin() + 255, want.end()));
+    sender.expect("00 B0 00 00 FF", ok(first)).expect("00 B0 00 FF 2D", ok(second));
+    TBytes data(300);
+    fs->read(data, 0);
+    EXPECT_EQ(data, want);
+    sender.expect("00 D6 00 00 FF " + first, "90 00").expect("00 D6 00 FF 2D " + second, "90 00");
+    fs->write(want, 0);  // no marker after an update
+    EXPECT_EQ(sender.offered, (Sizes{258, 257, 47, 2, 2}));
+
+    TBytes four(4);
+    sender.expect("00 B0 00 02 04", "01 02 03 90 00");
+    EXPECT_EQ(failureCode([&] { fs->read(four, 2); }), code(0x6282));
+
+    selected({0x0001}, kMarkerSelect, ok(fcp("82 01 01 81 02 00 0A")));
+    const struct {
+        WORD offset;
+        std::size_t length;
+        bool inside;
+    } ranges[] = {{0, 10, true}, {10, 0, true},  {9, 1, true},      {11, 0, false},
+                  {5, 6, false}, {10, 1, false}, {0xFFFF, 1, false}};
+    for (const auto& r : ranges) {
+        char head[24];
+        std::snprintf(head, sizeof head, "%04X %02X", r.offset, static_cast<unsigned>(r.length));
+        TBytes data(r.length, 0x5A);
+        if (r.inside) sender.expect(std::string("00 B0 ") + head, ok(toHex(data)));
+        EXPECT_EQ(failureCode([&] { fs->read_bit(data, r.offset); }), r.inside ? 0 : code(0x6282))
+            << head;
+        if (r.inside) sender.expect(std::string("00 D6 ") + head + " " + toHex(data), "90 00");
+        EXPECT_EQ(failureCode([&] { fs->write_bit(data, r.offset); }), r.inside ? 0 : code(0x6A84))
+            << head;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,215 @@
+// The crypto layers against published vectors and OpenSSL: DES, MD5 and SHA-1
+// (FIPS 46-3, RFC 1321, FIPS 180); the qn* toolkit with its padding, size
+// queries and sticky rv; and the card recipes built on it.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+
+#include "crypto/primitives.h"
+#include "crypto/token_crypto.h"
+#include "qncrypto.h"
+#include "unit/oracle.h"
+
+namespace {
+
+using krfs_test::cat;
+using krfs_test::hex;
+using namespace libapdu;
+
+TEST(Primitives, PublishedVectorsWhateverTheParityBitsAndHowTheDataIsCut) {
+    const char* des[][3] = {{"133457799BBCDFF1", "0123456789ABCDEF", "85E813540F0AB405"},
+                            {"8001010101010101", "0000000000000000", "95A8D72813DAA94D"},
+                            {"0E329232EA6D0D73", "8787878787878787", "0000000000000000"}};
+    for (const auto& v : des) {
+        for (int flip = -1; flip < 8; ++flip) {
+            TBytes key = hex(v[0]), block = hex(v[1]);
+            if (flip >= 0) key[flip] ^= 0x01;
+            tagDesContext ctx;
+            des_initialize(key.data(), &ctx);
+            des_encrypt(&ctx, block.data());
+            EXPECT_EQ(block, hex(v[2])) << v[0] << " parity of byte " << flip;
+            des_decrypt(&ctx, block.data());
+            EXPECT_EQ(block, hex(v[1])) << v[0];
+        }
+    }
+    const std::pair<std::string, const char*> hashes[] = {
+        {"12345678901234567890123456789012345678901234567890123456789012345678901234567890",
+         "57edf4a22be3c955ac49da2e2107b67a"},
+        {"abc", "a9993e364706816aba3e25717850c26c9cd0d89d"},
+        {"abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq",
+         "84983e441c3bd26ebaae4aa1f95129e5e54670f1"}};
+    for (const auto& [message, expected] : hashes) {
+        TBytes m(message.begin(), message.end()), out(hex(expected).size());
+        for (size_t cut = 0; cut <= m.size(); ++cut) {
+            libapdu::SHAstate_st sha;
+            libapdu::MD5_CTX md5;
+            if (out.size() == 20) {
+                SHA1_Init(&sha);
+                SHA1_Update(&sha, m.data(), cut);
+                SHA1_Update(&sha, m.data() + cut, m.size() - cut);
+                SHA1_Final(out.data(), &sha);
+            } else {
+                MD5Init(&md5);
+                MD5Update(&md5, m.data(), static_cast<unsigned>(cut));
+                MD5Update(&md5, m.data() + cut, static_cast<unsigned>(m.size() - cut));
+                MD5Final(out.data(), &md5);
+                const unsigned char* raw = reinterpret_cast<const unsigned char*>(&md5);
+                EXPECT_TRUE(std::all_of(raw, raw + sizeof md5, [](unsigned char c) { return !c; }))
+                    << "MD5Final wipes its context";
+            }
+            EXPECT_EQ(out, hex(expected)) << message << " cut at " << cut;
+        }
+    }
+    libapdu::SHAstate_st sha;  // a million 'a' in uneven pieces
+    SHA1_Init(&sha);
+    TBytes a(1000, 'a'), out(20);
+    for (size_t left = 1000000, piece = 1; left > 0; piece = piece * 3 % 997 + 1) {
+        SHA1_Update(&sha, a.data(), std::min(piece, left));
+        left -= std::min(piece, left);
+    }
+    SHA1_Final(out.data(), &sha);
+    EXPECT_EQ(out, hex("34aa973cd4c4daa4f61eeb2bdbad27316534016f"));
+}
+
+constexpr uint32_t kArg = QN_CRYPTO_E_ARGUMENT, kPad = QN_CRYPTO_E_PADDING,
+                   kLen = QN_CRYPTO_E_LENGTH;
+
+// A failure stuck in rv changes what the toolkit computes; each case starts clean.
+struct Toolkit : ::testing::Test {
+    void SetUp() override { rv = 0; }
+    void TearDown() override { rv = 0; }
+};
+
+// CBC in pieces of `step` bytes, then the final call. Each size query must
+// announce what the call then writes, except where decryption's query leaves
+// out the waiting block that more input releases, and mode 3's final one more.
+TBytes cbc(const TBytes& key, const TBytes& iv, const TBytes& data, uint32_t direction, int mode,
+           size_t step, uint32_t* status) {
+    qnCryptoContext ctx;
+    qnCryptoCbcInit(&ctx, qnCryptoAlgDES3, direction, key.data(), static_cast<int>(key.size()),
+                    iv.empty() ? nullptr : iv.data(), static_cast<int>(iv.size()));
+    TBytes out(data.size() + 16);
+    size_t at = 0, written = 0;
+    int n = 0, size = -1;
+    for (; data.size() - at > step; at += step, written += static_cast<size_t>(n)) {
+        qnCryptoCbc(&ctx, data.data() + at, static_cast<int>(step), nullptr, &size);
+        qnCryptoCbc(&ctx, data.data() + at, static_cast<int>(step), out.data() + written, &n);
+        EXPECT_TRUE(direction || size == n);
+    }
+    const int rest = static_cast<int>(data.size() - at);
+    qnCryptoCbcFinal(&ctx, data.data() + at, rest, mode, nullptr, &size);
+    *status = qnCryptoCbcFinal(&ctx, data.data() + at, rest, mode, out.data() + written, &n);
+    if (*status == 0 && mode != QN_PAD_ZERO) {
+        EXPECT_EQ(size, n) << "final size query";
+    }
+    out.resize(written + static_cast<size_t>(n));
+    qnCryptoFree(&ctx);
+    rv = 0;
+    return out;
+}
+
+// The plaintext that each encrypting padding mode produces.
+TBytes padded(TBytes data, int mode) {
+    const size_t rest = data.size() % 8;
+    if (mode == QN_PAD_PKCS5)
+        data.insert(data.end(), 8 - rest, static_cast<unsigned char>(8 - rest));
+    return mode == QN_PAD_ISO ? oracle::isoPad(data) : oracle::zeroPad(data);
+}
+
+TEST_F(Toolkit, TripleDesMatchesOpenSslForBothKeySizesInAnyPiecesAndPaddings) {
+    const TBytes nist = hex("0123456789ABCDEF23456789ABCDEF01456789ABCDEF0123");  // SP 800-67
+    TBytes block = hex("5468652071756663 6B2062726F776E20 666F78206A756D70");
+    qnCryptoContext ctx;
+    qnCryptoEcbInit(&ctx, qnCryptoAlgDES3, 0, nist.data(), 24);
+    qnCryptoEcb(&ctx, block.data(), 24, block.data());
+    EXPECT_EQ(block, hex("A826FD8CE53B855F CCE21C8112256FE6 68D5C05DD9B6B900"));
+    EXPECT_EQ(qnCryptoEcb(&ctx, block.data(), 12, block.data()), kLen);
+    for (size_t keyLen : {16u, 24u}) {
+        for (size_t step : {1u, 3u, 8u, 13u}) {
+            for (int mode : {QN_PAD_NONE, QN_PAD_PKCS5, QN_PAD_ISO, QN_PAD_ZERO}) {
+                for (size_t len : {0u, 7u, 8u, 17u, 32u}) {
+                    SCOPED_TRACE(testing::Message()
+                                 << keyLen << "/" << step << "/" << mode << "/" << len);
+                    const TBytes key = oracle::random(keyLen), data = oracle::random(len);
+                    const TBytes iv = step == 3 ? TBytes() : oracle::random(8);  // null: zeros
+                    uint32_t status = 0;
+                    const TBytes c = cbc(key, iv, data, 0, mode, step, &status);
+                    if (mode == QN_PAD_NONE && len % 8) {
+                        EXPECT_EQ(status, kLen);
+                        continue;
+                    }
+                    EXPECT_EQ(
+                        c, oracle::evp(keyLen == 16 ? "DES-EDE-CBC" : "DES-EDE3-CBC", key,
+                                       iv.empty() ? TBytes(8, 0) : iv, padded(data, mode), true));
+                    const TBytes back = cbc(key, iv, c, 1, mode, step, &status);
+                    if (mode == QN_PAD_ZERO || c.empty()) {
+                        EXPECT_EQ(status, mode == QN_PAD_ZERO ? kArg : kLen)
+                            << "mode 3, or nothing to decrypt";
+                    } else {
+                        EXPECT_EQ(back, data);
+                    }
+                }
+            }
+        }
+    }
+    const TBytes key = oracle::random(24);  // decryption checks the padding of the last block
+    const std::pair<const char*, int> badPadding[] = {
+        {"1122334455667708", QN_PAD_PKCS5},  // 08 but not eight of them
+        {"0000000000000000", QN_PAD_ISO},    // all zero
+        {"1122334455810000", QN_PAD_ISO}};   // not 80 before the zeros
+    for (const auto& [last, mode] : badPadding) {
+        const TBytes plain = cat({oracle::random(8), hex(last)});
+        uint32_t status = 0;
+        cbc(key, {}, oracle::evp("DES-EDE3-CBC", key, TBytes(8, 0), plain, true), 1, mode, 16,
+            &status);
+        EXPECT_EQ(status, kPad) << last;
+    }
+}
+
+TEST_F(Toolkit, AFailureSticksAndOnlyTheCbcCoresStoreAFreshResult) {
+    qnCryptoContext ctx;
+    const TBytes data = oracle::random(40), key = oracle::random(24);
+    const unsigned char* k = key.data();
+    TBytes out(24, 0xEE);
+    int n = 0;
+    EXPECT_EQ(qnCryptoEcbInit(&ctx, qnCryptoAlgDES3, 0, k, 8), kArg) << "8-byte key";
+    EXPECT_EQ(qnCryptoHashInit(&ctx, qnCryptoAlgSHA1), kArg);
+    EXPECT_EQ(qnCryptoHashUpdate(&ctx, data.data(), 40), kArg);
+    EXPECT_EQ(qnCryptoHashResult(&ctx, out.data(), &n), kArg);
+    EXPECT_EQ(TBytes(out.begin(), out.begin() + 20), oracle::digest("SHA1", data)) << "still done";
+    qnCryptoEcbInit(&ctx, qnCryptoAlgDES3, 0, k, 24);
+    rv = kPad;  // ECB stops after its first block
+    out.assign(24, 0xEE);
+    EXPECT_EQ(qnCryptoEcb(&ctx, data.data(), 24, out.data()), kPad);
+    const TBytes first(data.begin(), data.begin() + 8);
+    EXPECT_EQ(out, cat({oracle::evp("DES-EDE3-ECB", key, {}, first, true), TBytes(16, 0xEE)}));
+    qnCryptoCbcInit(&ctx, qnCryptoAlgDES3, 0, k, 24, nullptr, 0);
+    rv = kArg;  // three bytes complete no block: the core's own 0 is stored
+    EXPECT_EQ(qnCryptoCbc(&ctx, data.data(), 3, out.data(), &n), 0u);
+    qnCryptoCbcInit(&ctx, qnCryptoAlgDES3, 0, k, 24, nullptr, 0);
+    rv = kArg;  // a completed block comes back with the old code, unwritten
+    out.assign(16, 0xEE);
+    EXPECT_EQ(qnCryptoCbc(&ctx, data.data(), 8, out.data(), &n), kArg);
+    EXPECT_EQ(out, TBytes(16, 0xEE));
+    rv = 0;  // and refusals of bad arguments
+    EXPECT_EQ(qnCryptoCbcInit(&ctx, qnCryptoAlgDES3, 0, k, 24, k, 7), kArg) << "7-byte IV";
+    rv = 0;
+    EXPECT_EQ(qnZeroMemory(nullptr, 4), kArg);
+    EXPECT_EQ(rv, 0u) << "qnZeroMemory reports without storing";
+    qnCryptoFree(&ctx);
+}
+
+TEST(TokenCrypto, RecipesWithWrongLengthsLeaveTheOutputUntouched) {
+    rv = 0;  // the recipes' values come with the component tests against the card model
+    const TBytes data = oracle::random(19);
+    const unsigned char* p = data.data();
+    TBytes untouched(40, 0xA5);
+    crypto_qntoken_md5_24(p, 8, p, 8, untouched.data(), 25);
+    crypto_qntoken_pro_sha1(1, p, 4, p, 19, untouched.data(), 24);  // salt
+    crypto_qntoken_des3_mac(p, 8, p, 16, untouched.data(), 8);      // key
+    crypto_athena_response(p, 4, p, 8, untouched.data(), 16);       // challenge
+    EXPECT_EQ(untouched, TBytes(40, 0xA5));
+}
+
+}  // namespace
