@@ -1,7 +1,7 @@
-// The main of the end-to-end test binary: every test process gets its own
-// pcscd world before any test runs. CTest runs each test case as its own
-// process, so cases never share a pcscd or a vpcd port.
-#include "harness/namespaces.h"
+// The main of the end-to-end test binary. CTest runs each test case as its
+// own process, and each enters a private pcscd world before any test runs, so
+// cases never share a pcscd or a vpcd port.
+#include "harness/harness.h"
 
 #include <gtest/gtest.h>
 
