@@ -164,14 +164,6 @@ std::string pcscText(LONG rv) {
     return hex(static_cast<unsigned long>(rv)) + " (" + pcsc_stringify_error(rv) + ")";
 }
 
-::testing::AssertionResult PcscEq(const char* expectedText, const char* actualText, LONG expected,
-                                  LONG actual) {
-    if (expected == actual) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure()
-           << actualText << " is " << pcscText(actual) << ", expected " << expectedText << " = "
-           << pcscText(expected);
-}
-
 Context::Context() {
     const LONG rv = SCardEstablishContext(SCARD_SCOPE_SYSTEM, nullptr, nullptr, &context_);
     if (rv != SCARD_S_SUCCESS) throw std::runtime_error("SCardEstablishContext: " + pcscText(rv));
@@ -255,13 +247,10 @@ Pcscd::Pcscd(int channels, milliseconds deadline) : channels_(channels), dir_("k
                                                 "\"\nDEVICENAME /dev/null:" + port + "\nLIBPATH " +
                                                 kVpcdDriver + "\nCHANNELID " + port + "\n");
     }
-    // Often outside a non-root PATH.
     const char* program = std::getenv("KRFS_PCSCD");
     process_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{program && *program                      ? program
-                                 : ::access("/usr/sbin/pcscd", X_OK) == 0 ? "/usr/sbin/pcscd"
-                                                                          : "pcscd",
-                                 "--foreground", "--debug", "-c", confDir},
+        std::vector<std::string>{program && *program ? program : "/usr/sbin/pcscd", "--foreground",
+                                 "--debug", "-c", confDir},
         dir_.file("pcscd.log"));
     // pcscd makes its socket some milliseconds after it starts: poll for it.
     const auto until = Clock::now() + deadline;

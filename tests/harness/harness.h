@@ -71,12 +71,8 @@ private:
     std::string logPath_;
 };
 
-// "0x8010001D (Service not available.)", and an assertion that names codes so.
+// "0x8010001D (Service not available.)"
 std::string pcscText(LONG rv);
-::testing::AssertionResult PcscEq(const char* expectedText, const char* actualText, LONG expected,
-                                  LONG actual);
-#define EXPECT_PCSC(expected, actual) EXPECT_PRED_FORMAT2(::krfs::harness::PcscEq, expected, actual)
-#define ASSERT_PCSC(expected, actual) ASSERT_PRED_FORMAT2(::krfs::harness::PcscEq, expected, actual)
 
 // A PC/SC client context; throws if pcscd cannot be reached.
 class Context {

@@ -36,11 +36,11 @@ inline std::unique_ptr<libapdu::IToken> bindToken(vtoken::ICard& card, unsigned 
     return token;
 }
 
+// A personalised Pro card (identifier 12 34 56 78, colour 9) bound as a Pro.
 struct ProToken {
     explicit ProToken(const vtoken::pro::Personalisation& p)
         : card(vtoken::pro::personalise(p)), token(bindToken(card, 0x1002)) {}
     ProToken(Model model, bool fips) : ProToken(personalisation(model, fips)) {}
-
     static vtoken::pro::Personalisation personalisation(Model model, bool fips) {
         vtoken::pro::Personalisation p;
         p.model = model;
@@ -52,11 +52,7 @@ struct ProToken {
 
     libapdu::IAppFS* fs() { return token->fs(); }
     libapdu::IAppInfo* info() { return token->info(); }
-    // The user PIN's number in this layout's access bytes.
-    unsigned char userPin() const {
-        return card.state().fips ? vtoken::pro::kFipsUserPin : vtoken::pro::kUserPin;
-    }
-    // A path below the home directory.
+    // The home directory of the layout, and a path below it.
     Path home(Path below = {}) const {
         Path p = card.state().home();
         p.insert(p.end(), below.begin(), below.end());
