@@ -18,12 +18,6 @@ using krfs::e2e::ApduLog;
 const std::string kReader0 = "Virtual PCD 00 00", kReader1 = "Virtual PCD 00 01";
 const char kPnP[] = "\\\\?PnP?\\Notification";
 
-VTokenOptions muteCard() {
-    VTokenOptions o;
-    o.mute = true;
-    return o;
-}
-
 using Entries = std::vector<std::pair<std::string, int>>;  // name, token present
 
 const struct Family {
@@ -66,7 +60,9 @@ long bind(const std::string& reader) {
 
 TEST(Readers, OnlyAPresentFreeAnsweringCardIsAUsableToken) {
     Pcscd pcscd;
-    VToken muted(pcscd, 0, muteCard());
+    VTokenOptions mute;
+    mute.mute = true;
+    VToken muted(pcscd, 0, mute);
     VToken card(pcscd, 1);
     for (const Family& f : kFamilies)
         EXPECT_EQ(enumerate(f), (Entries{{kReader0, 0}, {kReader1, 1}, {kPnP, 0}})) << f.name;

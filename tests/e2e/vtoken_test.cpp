@@ -61,7 +61,6 @@ TEST(KrfsVtoken, CommandLineMakesShowsAndRefuses) {
         {{"init", "--state", state, "--force", "--fips", "--admin-pin", "1"}, 2, {"administrator"}},
         {{"init", "--state", state, "--dialect", "r2", "--fips"}, 2, {"R2"}},
         {{"init", "--model", "pro42"}, 2, {"--state"}},
-        {{"show", "--state", dir.file("none")}, 1, {"cannot read"}},
         {{"serve", "--state", state, "--atr", "3B00"}, 2, {"not both"}},
         {{"serve", "--state", state, "--refuse", "B0=6A82"}, 2, {"CLA and INS"}},
     };

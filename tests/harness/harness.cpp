@@ -135,10 +135,7 @@ bool ChildProcess::running() {
     return false;
 }
 
-void ChildProcess::signal(int sig) {
-    if (pid_ < 0) throw std::logic_error("signal to a child that has ended");
-    ::kill(pid_, sig);
-}
+void ChildProcess::signal(int sig) { ::kill(pid_, sig); }
 
 bool ChildProcess::waitExit(milliseconds deadline) {
     const auto until = Clock::now() + deadline;
@@ -171,14 +168,14 @@ Context::Context() {
 
 std::vector<std::string> listReaders() {
     Context context;
-    DWORD size = 0;
+    char* names = nullptr;
+    DWORD size = SCARD_AUTOALLOCATE;
     std::vector<std::string> readers;
-    if (SCardListReaders(context.get(), nullptr, nullptr, &size) != SCARD_S_SUCCESS) return readers;
-    std::vector<char> buffer(size);
-    if (SCardListReaders(context.get(), nullptr, buffer.data(), &size) != SCARD_S_SUCCESS)
+    if (SCardListReaders(context.get(), nullptr, reinterpret_cast<char*>(&names), &size) != 0)
         return readers;
-    for (std::size_t i = 0; i < size && buffer[i] != '\0'; i += readers.back().size() + 1)
-        readers.emplace_back(&buffer[i]);
+    for (const char* name = names; *name != '\0'; name += readers.back().size() + 1)
+        readers.emplace_back(name);
+    SCardFreeMemory(context.get(), names);
     return readers;
 }
 
@@ -236,8 +233,6 @@ LONG resetCardFromAnotherClient(const std::string& reader) {
 }
 
 Pcscd::Pcscd(int channels, milliseconds deadline) : channels_(channels), dir_("krfs-pcscd") {
-    if (channels < 0 || channels > 1)
-        throw std::invalid_argument("Pcscd: 0 or 1 vpcd channels (vpcd aliases a second one)");
     const std::string confDir = dir_.file("conf");
     ::mkdir(confDir.c_str(), 0755);
     if (channels > 0) {
@@ -309,8 +304,6 @@ VToken::VToken(const Pcscd& pcscd, int slot, VTokenOptions options, milliseconds
     : reader_(Pcscd::readerName(slot)), options_(std::move(options)), dir_("krfs-vtoken") {
     if (slot < 0 || slot >= pcscd.channels() * Pcscd::kSlots)
         throw std::invalid_argument("VToken: pcscd has no reader for slot " + std::to_string(slot));
-    if (options_.init && !options_.stateFile.empty())
-        throw std::invalid_argument("VToken: a state file or an init, not both");
     // A card left by an earlier VToken in this slot shows until pcscd's next
     // poll; wait it out so readiness below cannot mistake it for ours.
     waitForReader(reader_, readerEmpty, "the slot to be free", deadline);

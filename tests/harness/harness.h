@@ -23,10 +23,9 @@ using std::chrono::milliseconds;
 // How long the harness waits for pcscd, a card or a process before it gives up.
 constexpr milliseconds kDeadline{10000};
 
-// Unshares the mount and network namespaces of this process (while it has one
-// thread), mounts a fresh tmpfs over /run/pcscd and brings the loopback up:
-// no system pcscd and no other test's vpcd ports are seen. Throws saying
-// what was refused and why.
+// Gives this process (while it has one thread) its own mounts and network, a
+// fresh tmpfs on /run/pcscd and the loopback up: no system pcscd and no other
+// test's vpcd ports are seen. Throws saying what was refused and why.
 void enterPrivateNamespaces();
 
 // A fresh directory under $TMPDIR (or /tmp), removed with its files.
@@ -47,8 +46,8 @@ private:
 std::string readFile(const std::string& path);
 void writeFile(const std::string& path, const std::string& text);
 
-// A program run with stdin from /dev/null and its output appended to a log
-// file. Stopped on destruction.
+// A program with stdin from /dev/null and its output in a log file, stopped
+// on destruction.
 class ChildProcess {
 public:
     ChildProcess(const std::vector<std::string>& argv, const std::string& logPath);
@@ -58,8 +57,7 @@ public:
 
     bool running();  // false once it has exited and was reaped
     void signal(int sig);
-    // Waits for it to end by itself; false if it still runs at the deadline.
-    bool waitExit(milliseconds deadline = kDeadline);
+    bool waitExit(milliseconds deadline = kDeadline);  // false if it still runs
     bool exitedWith(int code) const;
     // SIGTERM, then SIGKILL after `grace`; true if it ended within the grace.
     bool stop(milliseconds grace = milliseconds{3000});
@@ -87,15 +85,13 @@ private:
     SCARDCONTEXT context_ = 0;
 };
 
-// The reader names pcscd lists now.
 std::vector<std::string> listReaders();
 
 struct ReaderState {
     DWORD state = 0;  // SCARD_STATE_* bits, without pcscd's event counter
     Bytes atr;
 };
-// Waits for `done(state)`, at most `deadline`; throws naming `what` and the
-// last state seen. readerState() is the state now.
+// Waits for `done(state)`; throws naming `what` and the last state seen.
 ReaderState waitForReader(const std::string& reader, bool (*done)(const ReaderState&),
                           const char* what, milliseconds deadline = kDeadline);
 ReaderState readerState(const std::string& reader);
@@ -136,23 +132,21 @@ private:
 LONG resetCardFromAnotherClient(const std::string& reader);
 
 // `pcscd --foreground` on a reader configuration of its own, ready once it
-// lists all its readers, stopped when destroyed; its log is shown when the
-// test has failed. Within the private namespaces nothing answers until a
-// Pcscd starts, so a test of "no pcscd" needs no object.
+// lists its readers; its log is shown when the test has failed. Until one
+// starts, nothing answers: a test of "no pcscd" needs no object.
 class Pcscd {
 public:
     static constexpr const char* kReaderBase = "Virtual PCD";
     static constexpr int kSlots = 2;  // vpcd readers per channel
 
-    // 0 or 1 vpcd channels. vpcd 0.8 keeps its slots in one table for the
-    // whole driver, so a second channel would show each card in two readers.
+    // 0 or 1 vpcd channels, never more: vpcd 0.8 keeps its slots in one table
+    // for the whole driver, so a second channel would alias the first.
     explicit Pcscd(int channels = 1, milliseconds deadline = kDeadline);
     ~Pcscd();
     Pcscd(const Pcscd&) = delete;
     Pcscd& operator=(const Pcscd&) = delete;
 
-    // The reader of vpcd slot 0 or 1, "Virtual PCD 00 01", and the TCP port
-    // a card dials to sit in it.
+    // The reader of vpcd slot 0 or 1 ("Virtual PCD 00 01"), and its port.
     static std::string readerName(int slot);
     static std::uint16_t port(int slot);
     int channels() const { return channels_; }
@@ -178,8 +172,7 @@ struct TokenInit {
     std::string id;                 // 8 hex digits
     std::vector<std::string> more;  // e.g. {"--colour", "3"}
 };
-// Writes a fresh token's state to `path`, replacing any file there; throws
-// with the program's output if it fails.
+// Writes a fresh token's state to `path`; throws with the program's output.
 void initToken(const std::string& path, const TokenInit& init);
 nlohmann::json readState(const std::string& path);
 
@@ -191,16 +184,15 @@ struct VTokenOptions {
     bool mute = false;  // present, but never powers up
     // Or the token kept in this state file, which gets every change...
     std::string stateFile;
-    // ...or one made first in the VToken's own directory.
+    // ...or one made first in the VToken's own directory (not both).
     std::optional<TokenInit> init;
     // More `serve` options, such as the fault knobs:
     // {"--refuse", "00B0=6A82", "--mute-after", "3", "--assume-verified", "01"}.
     std::vector<std::string> serveArgs;
 };
 
-// A krfs-vtoken process in a vpcd reader, ready once pcscd shows the card
-// (present, or mute). Destroying it stops the process and fails the test
-// unless it ends cleanly; its log is shown when the test has failed.
+// A krfs-vtoken process in a vpcd reader, ready once pcscd shows the card.
+// It must end cleanly when destroyed; its log is shown when a test failed.
 class VToken {
 public:
     VToken(const Pcscd& pcscd, int slot = 0, VTokenOptions options = {},
@@ -214,8 +206,7 @@ public:
     // The state file served, and its content now: the card side of a test.
     const std::string& statePath() const { return statePath_; }
     nlohmann::json state() const { return readState(statePath_); }
-    // Takes the card out of the reader (drops the vpcd connection), or puts
-    // it back; returns once pcscd shows it.
+    // Takes the card out of the reader, or puts it back, as pcscd then shows.
     void vanish(milliseconds deadline = kDeadline);
     void comeBack(milliseconds deadline = kDeadline);
     std::string log() const { return process_->log(); }

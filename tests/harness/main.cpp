@@ -1,6 +1,5 @@
-// The main of the end-to-end test binary. CTest runs each test case as its
-// own process, and each enters a private pcscd world before any test runs, so
-// cases never share a pcscd or a vpcd port.
+// CTest runs each end-to-end case as a process of its own, which enters a
+// private pcscd world first: cases never share a pcscd or a vpcd port.
 #include "harness/harness.h"
 
 #include <gtest/gtest.h>

@@ -45,7 +45,6 @@ protected:
 
 TEST_P(ProDrivers, InitAndInformation) {
     EXPECT_EQ(dynamic_cast<libapdu::CFSPro4*>(t.fs()) != nullptr, model().pro4);
-    EXPECT_NE(dynamic_cast<libapdu::CFSPro*>(t.fs()), nullptr);
     EXPECT_EQ(t.info()->isFips(), std::get<1>(GetParam()));
     // The life cycle byte reads 0x10, so the host sends its start-up command.
     EXPECT_EQ(sent({0x80, 0x10, 0x00, 0x00}), 1);

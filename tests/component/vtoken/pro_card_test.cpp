@@ -59,7 +59,6 @@ TEST(ProCard, FileSystemAnswersAsTheCardWould) {
         00 A4 08 00 02 66 66 00
           -> 6F 15 82 01 38 83 02 66 66 81 02 00 00 86 08 01 FF 01 01 01 01 01 01 90 00
         00 A4 09 00 04 10 00 00 06 00 -> ... 90 00  # a path from here
-        00 B0 00 00 01 -> 00 90 00
         00 B0 00 02 01 -> 6B 00                      # offset past the end
         00 B0 00 00 04 -> 00 62 82                   # less than asked
         00 B0 00 00 00 -> 00 90 00                   # Le 00: all there is
@@ -215,20 +214,7 @@ TEST(ProPinCard, ChangeAndUnblockTakeANewKeyInTheModelsForm) {
     EXPECT_EQ(authenticate(pro4, 0x81, fresh), "90 00");
 }
 
-TEST(ProStateJson, OlderPlainPinsGetTheirKeysAndBrokenStatesAreRefused) {
-    // Older files name the PIN instead of its key: loading derives the key.
-    for (bool fips : {false, true}) {
-        Personalisation older;
-        older.fips = fips;
-        older.userPin = "older-pin";
-        const std::string fresh = toJsonText(personalise(older));
-        std::string plain = fresh;
-        for (auto at = plain.find("\"key\": \""); at != std::string::npos;
-             at = plain.find("\"key\": \"", at))
-            plain.replace(at, plain.find('"', at + 8) + 1 - at, "\"pin\": \"older-pin\"");
-        EXPECT_EQ(toJsonText(fromJsonText(plain)), fresh) << "FIPS " << fips;
-    }
-
+TEST(ProStateJson, BrokenStatesAreRefused) {
     const std::pair<std::string, std::string> faults[] = {
         {"\"pro42\"", "\"pro99\""},
         {"\"dialect\": \"pro\"", "\"dialect\": \"r2\""},

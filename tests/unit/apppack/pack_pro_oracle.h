@@ -11,7 +11,6 @@
 
 namespace pro_oracle {
 
-
 inline TBytes cat(std::initializer_list<TBytes> parts) {
     TBytes out;
     for (const TBytes& p : parts) out.insert(out.end(), p.begin(), p.end());
