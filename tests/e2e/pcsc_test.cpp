@@ -1,5 +1,5 @@
-// Readers, binding and the PC/SC sender through a real pcscd: what the
-// library makes of each state a reader and its card can be in.
+// Readers and binding through a real pcscd: what the library makes of each
+// state a reader and its card can be in.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -73,13 +73,13 @@ TEST(Readers, OnlyAPresentFreeAnsweringCardIsAUsableToken) {
     {
         Connection hold(card.reader(), SCARD_SHARE_EXCLUSIVE);
         ASSERT_TRUE(hold.connected()) << pcscText(hold.status());
-        EXPECT_EQ(enumerate()[1], std::make_pair(kReader1, 0)) << "held by another client";
+        EXPECT_EQ(enumerate().at(1), std::make_pair(kReader1, 0)) << "held by another client";
         EXPECT_EQ(bind(kReader1), 0x8010000CL);
     }
     card.vanish();
-    EXPECT_EQ(enumerate()[1], std::make_pair(kReader1, 0));
+    EXPECT_EQ(enumerate().at(1), std::make_pair(kReader1, 0));
     EXPECT_EQ(bind(kReader1), 0x8010000CL) << "empty";
-    EXPECT_EQ(entries(kFamilies[0], snapshot)[1], std::make_pair(kReader1, 1))
+    EXPECT_EQ(entries(kFamilies[0], snapshot).at(1), std::make_pair(kReader1, 1))
         << "a snapshot taken before the card went";
 }
 

@@ -240,7 +240,9 @@ TEST_P(ProStory, FromBindToPinChange) {
          [&] { return KRDirCreate(nullptr, 0x0777, sub); }},
         {"read of nothing at the end", 0L, [&] { return KRFileRead(secret, 16, 0, buf, 0); }},
     };
+    log.take();
     for (const auto& c : bad) EXPECT_EQ(c.call(), c.expected) << c.what;
+    EXPECT_EQ(count(log.take(), "C-APDU: 00 B0"), 0) << "no read went to the card";
     EXPECT_EQ(dirs(sub), (std::vector<WORD>{0x0777})) << "made before the null out was seen";
 
     // Delete leaves the handle open; its later calls fail on the card.

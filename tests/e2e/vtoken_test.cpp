@@ -13,8 +13,6 @@ namespace {
 
 using namespace krfs::harness;
 
-const Bytes kLifeCycle{0x00, 0xCA, 0x01, 0x83, 0x00};
-
 TEST(VToken, CardDialsUntilARestartedPcscdListens) {
     auto pcscd = std::make_unique<Pcscd>();
     VToken card(*pcscd, 0);
@@ -23,7 +21,7 @@ TEST(VToken, CardDialsUntilARestartedPcscdListens) {
     waitForReader(card.reader(), cardPresent, "the card in the new pcscd");
     Connection c(card.reader());
     Bytes response;
-    ASSERT_EQ(c.transmit(kLifeCycle, response), SCARD_S_SUCCESS);
+    ASSERT_EQ(c.transmit({0x00, 0xCA, 0x01, 0x83, 0x00}, response), SCARD_S_SUCCESS);
     EXPECT_EQ(response, (Bytes{0x6D, 0x00}));
 }
 

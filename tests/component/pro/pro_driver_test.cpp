@@ -103,7 +103,9 @@ TEST_P(ProDrivers, TreeUnderTheCardsAccessRules) {
     EXPECT_EQ(back, data);
     t.fs()->read(middle, 250);
     EXPECT_EQ(middle, Bytes(data.begin() + 250, data.begin() + 260));
+    const std::size_t sentBefore = t.card.history().size();
     EXPECT_EQ(codeOf([&] { t.fs()->read(middle, 291); }), 0x86E06282L) << "one byte past";
+    EXPECT_EQ(t.card.history().size(), sentBefore) << "refused before any command";
 
     // A directory goes only once it is empty.
     t.fs()->select({0x0200});
