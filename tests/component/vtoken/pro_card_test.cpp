@@ -39,6 +39,7 @@ void play(vtoken::ICard& card, const std::string& transcript, const Bytes& key =
         }
         EXPECT_EQ(answer, toHex(fromHex(expected))) << command;
     }
+    EXPECT_EQ(exchange.find_first_not_of(" \t\r"), std::string::npos) << "no answer: " << exchange;
 }
 
 ProCard makeCard(Model model) {
