@@ -3,8 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <string>
 
+#include "harness/harness.h"
 #include "krfs.h"
 
 namespace krfs::e2e {
@@ -26,6 +28,23 @@ public:
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
     __tag_HToken* h = nullptr;
+};
+
+// The library's APDU log, in a file of its own while this lives.
+class ApduLog {
+public:
+    ApduLog() { KREnableLogging(path_.c_str()); }
+    ~ApduLog() { KRDisableLogging(); }
+    // What was logged since the last take().
+    std::string take() {
+        const std::string text = harness::readFile(path_);
+        std::remove(path_.c_str());
+        return text;
+    }
+
+private:
+    harness::TempDir dir_{"krfs-e2e-log"};
+    std::string path_ = dir_.file("apdu.log");
 };
 
 // How often `what` stands in `text`, e.g. command lines in an APDU log.

@@ -1,7 +1,6 @@
-// The main of the end-to-end test binary: every test process gets its own
-// pcscd world before any test runs. CTest runs each test case as its own
-// process, so cases never share a pcscd or a vpcd port.
-#include "harness/namespaces.h"
+// CTest runs each end-to-end case as a process of its own, which enters a
+// private pcscd world first: cases never share a pcscd or a vpcd port.
+#include "harness/harness.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
-// A virtual Pro or R2 card behind the library's own token object, for
-// tests of the drivers against the card model.
+// A virtual Pro or R2 card behind the library's own token object, for tests
+// of the drivers against the card model.
 #pragma once
 
 #include "core/card_sender.h"
@@ -10,14 +10,11 @@
 
 #include <functional>
 #include <memory>
-#include <string>
 
 namespace krfs::component {
 
 using vtoken::pro::Model;
 using vtoken::pro::Path;
-
-inline const char* modelName(Model m) { return vtoken::pro::modelInfo(m).name; }
 
 // The result code a failure carries, 0 if there is none.
 inline long codeOf(const std::function<void()>& f) {
@@ -39,16 +36,15 @@ inline std::unique_ptr<libapdu::IToken> bindToken(vtoken::ICard& card, unsigned 
     return token;
 }
 
+// A personalised Pro card (identifier 12 34 56 78, colour 9) bound as a Pro.
 struct ProToken {
-    explicit ProToken(vtoken::pro::Personalisation p)
+    explicit ProToken(const vtoken::pro::Personalisation& p)
         : card(vtoken::pro::personalise(p)), token(bindToken(card, 0x1002)) {}
     ProToken(Model model, bool fips) : ProToken(personalisation(model, fips)) {}
-
     static vtoken::pro::Personalisation personalisation(Model model, bool fips) {
         vtoken::pro::Personalisation p;
         p.model = model;
         p.fips = fips;
-        p.label = "component";
         p.id = vtoken::Bytes{0x12, 0x34, 0x56, 0x78};
         p.colour = 9;
         return p;
@@ -56,13 +52,13 @@ struct ProToken {
 
     libapdu::IAppFS* fs() { return token->fs(); }
     libapdu::IAppInfo* info() { return token->info(); }
-    // The number of the user PIN in this layout's access bytes.
-    unsigned char userPin() const {
-        return card.state().fips ? vtoken::pro::kFipsUserPin : vtoken::pro::kUserPin;
+    // The home directory of the layout, and a path below it.
+    Path home(Path below = {}) const {
+        Path p = card.state().home();
+        p.insert(p.end(), below.begin(), below.end());
+        return p;
     }
-    // The home directory, below the master file.
-    Path home() const { return card.state().home(); }
-    const vtoken::pro::Node* node(Path below) const { return card.state().find(below); }
+    const vtoken::pro::Node* node(const Path& path) const { return card.state().find(path); }
 
     vtoken::pro::ProCard card;
     std::unique_ptr<libapdu::IToken> token;
