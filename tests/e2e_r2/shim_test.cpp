@@ -82,23 +82,23 @@ TEST_F(R2Shim, ConnectsAsAskedAndCarriesApdusRaw) {
     for (const auto& c : cases) {
         SCOPED_TRACE("asked " + std::to_string(c.asked));
         Connection connection(card.reader(), SCARD_SHARE_SHARED, c.asked);
-        ASSERT_PCSC(SCARD_S_SUCCESS, connection.status());
+        ASSERT_EQ(LONG{SCARD_S_SUCCESS}, connection.status());
         EXPECT_EQ(connection.protocol(), c.told);
         EXPECT_EQ(statusProtocol(connection.handle()), c.told);
         Bytes response;
-        ASSERT_PCSC(SCARD_S_SUCCESS, connection.transmit(kReadConfig, response));
+        ASSERT_EQ(LONG{SCARD_S_SUCCESS}, connection.transmit(kReadConfig, response));
         EXPECT_EQ(response, kConfig);
     }
 }
 
 TEST_F(R2Shim, LeavesAConnectionItDidNotMake) {
     Connection raw(card.reader(), SCARD_SHARE_SHARED, SCARD_PROTOCOL_RAW);
-    ASSERT_PCSC(SCARD_S_SUCCESS, raw.status());
+    ASSERT_EQ(LONG{SCARD_S_SUCCESS}, raw.status());
     EXPECT_EQ(raw.protocol(), DWORD{SCARD_PROTOCOL_RAW});
     EXPECT_EQ(statusProtocol(raw.handle()), DWORD{SCARD_PROTOCOL_RAW});
     Bytes response;
-    EXPECT_PCSC(SCARD_E_PROTO_MISMATCH, transmitWith(SCARD_PCI_T1, raw.handle(), response));
-    ASSERT_PCSC(SCARD_S_SUCCESS, transmitWith(SCARD_PCI_RAW, raw.handle(), response));
+    EXPECT_EQ(LONG{SCARD_E_PROTO_MISMATCH}, transmitWith(SCARD_PCI_T1, raw.handle(), response));
+    ASSERT_EQ(LONG{SCARD_S_SUCCESS}, transmitWith(SCARD_PCI_RAW, raw.handle(), response));
     EXPECT_EQ(response, kConfig);
 }
 
@@ -123,11 +123,11 @@ TEST_F(R2Shim, JudgesTheCardByItsAtr) {
         options.atr = c.atr;
         VToken other(pcscd, 1, options);
         Connection connection(other.reader(), SCARD_SHARE_SHARED, c.asked);
-        ASSERT_PCSC(c.status, connection.status());
+        ASSERT_EQ(LONG{c.status}, connection.status());
         if (!connection.connected()) continue;
         EXPECT_EQ(connection.protocol(), c.told);
         Bytes response;
-        ASSERT_PCSC(SCARD_S_SUCCESS, connection.transmit(kReadConfig, response));
+        ASSERT_EQ(LONG{SCARD_S_SUCCESS}, connection.transmit(kReadConfig, response));
         EXPECT_EQ(response, (Bytes{0x6D, 0x00})) << "the script card's answer to anything";
     }
 }
@@ -135,7 +135,7 @@ TEST_F(R2Shim, JudgesTheCardByItsAtr) {
 // The library's way back after a reset: reconnect, leaving the card, and resend.
 TEST_F(R2Shim, ReconnectsAfterResets) {
     Connection connection(card.reader());
-    ASSERT_PCSC(SCARD_S_SUCCESS, connection.status());
+    ASSERT_EQ(LONG{SCARD_S_SUCCESS}, connection.status());
     Bytes response;
     // The card's log shows each power event: once, as asked.
     const auto events = [&] {
@@ -149,29 +149,30 @@ TEST_F(R2Shim, ReconnectsAfterResets) {
     for (const auto& c : cases) {
         SCOPED_TRACE("initialization " + std::to_string(c.initialization));
         const auto before = events();
-        ASSERT_PCSC(SCARD_S_SUCCESS, connection.reconnect(c.initialization));
+        ASSERT_EQ(LONG{SCARD_S_SUCCESS}, connection.reconnect(c.initialization));
         EXPECT_EQ(events().first - before.first, c.resets);
         EXPECT_EQ(events().second - before.second, c.powerOffs);
         EXPECT_EQ(connection.protocol(), DWORD{SCARD_PROTOCOL_T1});
         EXPECT_EQ(statusProtocol(connection.handle()), DWORD{SCARD_PROTOCOL_T1});
-        ASSERT_PCSC(SCARD_S_SUCCESS, connection.transmit(kReadConfig, response));
+        ASSERT_EQ(LONG{SCARD_S_SUCCESS}, connection.transmit(kReadConfig, response));
         EXPECT_EQ(response, kConfig);
     }
 
-    ASSERT_PCSC(SCARD_S_SUCCESS, resetCardFromAnotherClient(card.reader()));
-    EXPECT_PCSC(SCARD_W_RESET_CARD, connection.transmit(kReadConfig, response));
-    ASSERT_PCSC(SCARD_S_SUCCESS, connection.reconnect(SCARD_LEAVE_CARD));
+    ASSERT_EQ(LONG{SCARD_S_SUCCESS}, resetCardFromAnotherClient(card.reader()));
+    EXPECT_EQ(LONG{SCARD_W_RESET_CARD}, connection.transmit(kReadConfig, response));
+    ASSERT_EQ(LONG{SCARD_S_SUCCESS}, connection.reconnect(SCARD_LEAVE_CARD));
     EXPECT_EQ(connection.protocol(), DWORD{SCARD_PROTOCOL_T1});
-    ASSERT_PCSC(SCARD_S_SUCCESS, connection.transmit(kReadConfig, response));
+    ASSERT_EQ(LONG{SCARD_S_SUCCESS}, connection.transmit(kReadConfig, response));
     EXPECT_EQ(response, kConfig);
 
     // Asked for RAW, the caller gets it and speaks RAW itself.
     DWORD active = 0;
-    ASSERT_PCSC(SCARD_S_SUCCESS, SCardReconnect(connection.handle(), SCARD_SHARE_SHARED,
-                                                SCARD_PROTOCOL_RAW, SCARD_LEAVE_CARD, &active));
+    ASSERT_EQ(LONG{SCARD_S_SUCCESS}, SCardReconnect(connection.handle(), SCARD_SHARE_SHARED,
+                                                    SCARD_PROTOCOL_RAW, SCARD_LEAVE_CARD, &active));
     EXPECT_EQ(active, DWORD{SCARD_PROTOCOL_RAW});
     EXPECT_EQ(statusProtocol(connection.handle()), DWORD{SCARD_PROTOCOL_RAW});
-    EXPECT_PCSC(SCARD_E_PROTO_MISMATCH, transmitWith(SCARD_PCI_T1, connection.handle(), response));
+    EXPECT_EQ(LONG{SCARD_E_PROTO_MISMATCH},
+              transmitWith(SCARD_PCI_T1, connection.handle(), response));
 }
 
 }  // namespace

@@ -207,9 +207,8 @@ ReaderState readerState(const std::string& reader) {
         reader, [](const ReaderState&) { return true; }, "its state", milliseconds{0});
 }
 
-Connection::Connection(const std::string& reader, DWORD share) {
-    status_ = SCardConnect(context_.get(), reader.c_str(), share,
-                           SCARD_PROTOCOL_T0 | SCARD_PROTOCOL_T1, &handle_, &protocol_);
+Connection::Connection(const std::string& reader, DWORD share, DWORD protocols) {
+    status_ = SCardConnect(context_.get(), reader.c_str(), share, protocols, &handle_, &protocol_);
 }
 
 LONG Connection::transmit(const Bytes& command, Bytes& response) {

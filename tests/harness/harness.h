@@ -107,7 +107,8 @@ inline bool readerEmpty(const ReaderState& s) { return (s.state & SCARD_STATE_EM
 // Connections are two PC/SC clients. A failed connect is kept in status().
 class Connection {
 public:
-    explicit Connection(const std::string& reader, DWORD share = SCARD_SHARE_SHARED);
+    explicit Connection(const std::string& reader, DWORD share = SCARD_SHARE_SHARED,
+                        DWORD protocols = SCARD_PROTOCOL_T0 | SCARD_PROTOCOL_T1);
     ~Connection() {
         if (connected()) SCardDisconnect(handle_, SCARD_LEAVE_CARD);
     }
@@ -119,6 +120,9 @@ public:
     // Sends one APDU; `response` is cut to what came back.
     LONG transmit(const Bytes& command, Bytes& response);
     LONG reconnect(DWORD initialization);
+    SCARDHANDLE handle() const { return handle_; }
+    // The active protocol PC/SC reported at connect or reconnect.
+    DWORD protocol() const { return protocol_; }
 
 private:
     Context context_;
