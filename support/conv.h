@@ -23,7 +23,10 @@ OutIt utf16toascii(WideIt first, WideIt last, OutIt out) {
     for (; first != last; ++first) {
         const wchar_t wc = static_cast<wchar_t>(*first);
         int n = std::wctomb(buffer, wc);
-        if (n < 0) throw invalid_code_point(static_cast<uint32_t>(wc));
+        if (n < 0) {
+            std::wctomb(nullptr, 0);  // a failure leaves the shift state undefined
+            throw invalid_code_point(static_cast<uint32_t>(wc));
+        }
         if (n == 0) n = 1;
         for (int i = 0; i < n; ++i) *out++ = buffer[i];
     }
@@ -37,7 +40,12 @@ OutIt asciitoutf16(CharIt first, CharIt last, OutIt out) {
         const char c = *first;
         wchar_t wc = 0;
         const int n = std::mbtowc(&wc, &c, 1);
-        if (n < 0) throw invalid_code_point(static_cast<unsigned char>(c));
+        if (n < 0) {
+            // A lead byte alone leaves the state mid-character; the next
+            // conversion must not inherit it.
+            std::mbtowc(nullptr, nullptr, 0);
+            throw invalid_code_point(static_cast<unsigned char>(c));
+        }
         *out++ = static_cast<wchar_t>(static_cast<uint32_t>(wc) & 0xFFFF);
     }
     return out;
