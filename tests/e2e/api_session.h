@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "harness/harness.h"
 #include "krfs.h"
@@ -53,6 +54,28 @@ inline int count(const std::string& text, const std::string& what) {
     for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
         ++n;
     return n;
+}
+
+// The identifiers an enumeration of `dir` gives, checking that it ends as
+// enumerations end.
+template <typename Enum, typename Info>
+std::vector<WORD> list(__tag_HDir* dir, long (*open)(Enum**, __tag_HDir*),
+                       long (*next)(Enum*, Info*), long (*close)(Enum*)) {
+    std::vector<WORD> ids;
+    Enum* e = nullptr;
+    EXPECT_EQ(open(&e, dir), 0);
+    Info info;
+    long rc;
+    while ((rc = next(e, &info)) == 0) ids.push_back(info.id);
+    EXPECT_EQ(rc, 0x80070103L);
+    EXPECT_EQ(close(e), 0);
+    return ids;
+}
+inline std::vector<WORD> files(__tag_HDir* d) {
+    return list(d, KRFilesEnumOpen, KRFilesEnumNext, KRFilesEnumClose);
+}
+inline std::vector<WORD> dirs(__tag_HDir* d) {
+    return list(d, KRDirEnumOpen, KRDirEnumNext, KRDirEnumClose);
 }
 
 }  // namespace krfs::e2e

@@ -18,6 +18,8 @@ namespace {
 using namespace krfs::harness;
 using krfs::e2e::ApduLog;
 using krfs::e2e::count;
+using krfs::e2e::dirs;
+using krfs::e2e::files;
 using krfs::e2e::Session;
 using json = nlohmann::json;
 
@@ -64,26 +66,6 @@ DWORD attempts(__tag_HToken* h) {
     DWORD n = 0xDEAD;
     EXPECT_EQ(KRTokenPinAttemptsGet(h, &n), 0);
     return n;
-}
-
-template <typename Enum, typename Info>
-std::vector<WORD> list(__tag_HDir* dir, long (*open)(Enum**, __tag_HDir*),
-                       long (*next)(Enum*, Info*), long (*close)(Enum*)) {
-    std::vector<WORD> ids;
-    Enum* e = nullptr;
-    EXPECT_EQ(open(&e, dir), 0);
-    Info info;
-    long rc;
-    while ((rc = next(e, &info)) == 0) ids.push_back(info.id);
-    EXPECT_EQ(rc, kEnd);
-    EXPECT_EQ(close(e), 0);
-    return ids;
-}
-std::vector<WORD> files(__tag_HDir* d) {
-    return list(d, KRFilesEnumOpen, KRFilesEnumNext, KRFilesEnumClose);
-}
-std::vector<WORD> dirs(__tag_HDir* d) {
-    return list(d, KRDirEnumOpen, KRDirEnumNext, KRDirEnumClose);
 }
 
 class ProStory : public ::testing::TestWithParam<Layout> {};

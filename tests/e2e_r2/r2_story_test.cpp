@@ -16,6 +16,7 @@ namespace {
 
 using namespace krfs::harness;
 using krfs::e2e::count;
+using krfs::e2e::dirs;
 using krfs::e2e::Session;
 
 const long kNoLogin = 0x86E06900L;
@@ -59,18 +60,6 @@ std::vector<Entry> files(__tag_HDir* dir) {
     while ((rc = KRFilesEnumNext(e, &i)) == 0) out.push_back({i.id, i.size, i.isPrivate});
     EXPECT_EQ(rc, kEnd);
     EXPECT_EQ(KRFilesEnumClose(e), 0);
-    return out;
-}
-
-std::vector<WORD> dirs(__tag_HDir* dir) {
-    std::vector<WORD> out;
-    __tag_HDirEnum* e = nullptr;
-    EXPECT_EQ(KRDirEnumOpen(&e, dir), 0);
-    __tag_DirInfo i;
-    long rc;
-    while ((rc = KRDirEnumNext(e, &i)) == 0) out.push_back(i.id);
-    EXPECT_EQ(rc, kEnd);
-    EXPECT_EQ(KRDirEnumClose(e), 0);
     return out;
 }
 

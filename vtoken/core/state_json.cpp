@@ -29,6 +29,18 @@ Bytes hexField(const json& value, const char* what, int size) {
     return bytes;
 }
 
+json parseStateText(std::string_view text, const char* dialect) {
+    json j;
+    try {
+        j = json::parse(text);
+    } catch (const json::exception& e) {
+        throw std::invalid_argument(std::string("not JSON: ") + e.what());
+    }
+    if (!j.is_object() || j.value("dialect", "") != dialect)
+        throw std::invalid_argument(std::string("not the state of a token of dialect ") + dialect);
+    return j;
+}
+
 json faultsToJson(const Faults& faults) {
     json out = json::object();
     if (!faults.refuse.empty()) {

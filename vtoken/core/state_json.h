@@ -8,12 +8,17 @@
 #include <nlohmann/json.hpp>
 
 #include <string>
+#include <string_view>
 
 namespace vtoken {
 
 // Throws std::invalid_argument naming `what` unless `value` is a string of
 // hex bytes (of exactly `size` bytes, if given).
 Bytes hexField(const nlohmann::ordered_json& value, const char* what, int size = -1);
+
+// The JSON object of a state file of `dialect` ("pro", "r2"); throws
+// std::invalid_argument for text that is not JSON or another dialect's state.
+nlohmann::ordered_json parseStateText(std::string_view text, const char* dialect);
 
 nlohmann::ordered_json faultsToJson(const Faults& faults);
 Faults faultsFromJson(const nlohmann::ordered_json& value);

@@ -383,14 +383,7 @@ std::string toJsonText(const ProState& s) {
 }
 
 ProState fromJsonText(std::string_view text) {
-    json j;
-    try {
-        j = json::parse(text);
-    } catch (const json::exception& e) {
-        throw std::invalid_argument(std::string("not JSON: ") + e.what());
-    }
-    if (!j.is_object() || j.value("dialect", "") != "pro")
-        throw std::invalid_argument("not the state of a Pro token");
+    const json j = parseStateText(text, "pro");
     ProState s;
     auto model = modelByName(j.value("model", ""));
     if (!model) throw std::invalid_argument("model: pro16, pro32, pro42 or pro42b");

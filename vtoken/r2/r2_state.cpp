@@ -223,14 +223,7 @@ std::string toJsonText(const R2State& s) {
 }
 
 R2State fromJsonText(std::string_view text) {
-    json j;
-    try {
-        j = json::parse(text);
-    } catch (const json::exception& e) {
-        throw std::invalid_argument(std::string("not JSON: ") + e.what());
-    }
-    if (!j.is_object() || j.value("dialect", "") != "r2")
-        throw std::invalid_argument("not the state of an R2 token");
+    const json j = parseStateText(text, "r2");
     R2State s;
     s.id = hexField(j.value("id", json()), "id", 4);
     s.version = hexField(j.value("version", json()), "version", 2);
