@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "token/appfs/fs_common.h"
-#include "token/appfs/fs_pro.h"
 #include "unit/scripted_sender.h"
 
 namespace {
@@ -91,10 +90,8 @@ std::vector<int> fields(const CFileInfo& i) { return {i.type, i.size, i.read, i.
 
 // Both size tags, so that it serves CFSPro (0x81) and CFSPro4 (0x80).
 const std::string kFile16 = ok(fcp("82 01 01 81 02 00 10 80 02 00 10 86 02 00 11"));
-const std::string kMarkerSelect = "00 A4 08 00 04 66 66 00 01 00";
-const std::string kHome = "00 A4 08 00 02 66 66 00";
 
-struct ProFs : ::testing::Test {
+struct ProFs : ProApplet {
     void selected(TPath path, const std::string& command, const std::string& answer) {
         sender.expect(command, answer);
         fs->select(path);
@@ -104,10 +101,6 @@ struct ProFs : ::testing::Test {
         sender.expect(kMarkerSelect, writeAnswer ? kFile16 : "6A 82");
         if (writeAnswer) sender.expect("00 D6 00 00 10" + anyBytes(16), writeAnswer);
     }
-    ScriptedSender sender;
-    ScriptedApplet applet{&sender};
-    FixedInfo* info = applet.install<FixedInfo>(applet.info_, false);
-    CFSPro* fs = applet.install<CFSPro>(applet.fs_);
 };
 
 TEST_F(ProFs, SelectFormsAndTheHomeOfRelativePaths) {

@@ -8,7 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "token/appfs/fs_pro.h"
 #include "unit/scripted_sender.h"
 
 namespace {
@@ -16,58 +15,54 @@ namespace {
 using namespace krfs_test;
 
 constexpr unsigned kControl = 0x9C41264C;
-const char* kFipsProbe = "00 A4 08 00 06 66 66 50 00 00 02 00";
 
-struct ProInfo : ::testing::Test {
-    ScriptedSender sender;
-    ScriptedApplet applet{&sender};
-    CFSPro* fs = applet.install<CFSPro>(applet.fs_);
-    CInfoPro* info = applet.install<CInfoPro>(applet.info_);
+struct ProInfo : ProApplet {
+    CInfoPro* pro = applet.install<CInfoPro>(applet.info_);
 };
 
 TEST_F(ProInfo, IdentifierVersionMemoryRandomAndColourWithTheirFiles) {
     sender.expectControl(kControl, "02 00 00 00", "11 22 33 44 55 66 77 88");
-    EXPECT_EQ(info->id(1), hex("88 77 66 55")) << "from the reader";
+    EXPECT_EQ(pro->id(1), hex("88 77 66 55")) << "from the reader";
     sender.expect("00 CA 01 81 00", "00 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 90 00");
-    EXPECT_EQ(info->id(2), hex("0A 0B 0C 0D 0E 0F"));
+    EXPECT_EQ(pro->id(2), hex("0A 0B 0C 0D 0E 0F"));
     sender.expect("00 CA 01 82 00", "04 02 07 90 00");
-    EXPECT_EQ(info->version(9), hex("04 02"));
-    sender.expect(kFipsProbe, kDirFcp);  // asked once; memory selects the FIPS home
-    sender.expect("00 A4 08 00 04 66 66 50 00 00", kDirFcp).expect("00 CA 01 8A 00", "01 00 90 00");
-    EXPECT_EQ(info->memoryFree(), 256u);
-    sender.expect("00 A4 08 00 04 66 66 50 00 00", kDirFcp);
+    EXPECT_EQ(pro->version(9), hex("04 02"));
+    sender.expect(kFipsLabel, kDirFcp);  // asked once; memory selects the FIPS home
+    sender.expect(kFipsHome, kDirFcp).expect("00 CA 01 8A 00", "01 00 90 00");
+    EXPECT_EQ(pro->memoryFree(), 256u);
+    sender.expect(kFipsHome, kDirFcp);
     sender.expect("00 CA 01 89 00", "FF FF 01 00 90 00");
-    EXPECT_EQ(info->memoryTotal(), 262144u);
+    EXPECT_EQ(pro->memoryTotal(), 262144u);
     sender.expect("00 84 00 00 F0", toHex(TBytes(240, 0xAB)) + "90 00");
     sender.expect("00 84 00 00 01", "CD 90 00");
-    EXPECT_EQ(info->rnd(241), cat({TBytes(240, 0xAB), {0xCD}}));
+    EXPECT_EQ(pro->rnd(241), cat({TBytes(240, 0xAB), {0xCD}}));
     sender.expect("00 A4 08 00 06 66 66 50 00 00 0A 00", fileFcp(3));
     sender.expect("00 B0 00 02 01", "05 90 00");
-    EXPECT_EQ(info->color(), 5u);
+    EXPECT_EQ(pro->color(), 5u);
     EXPECT_EQ(sender.offered,
               (std::vector<std::size_t>{8, 258, 258, 258, 258, 256, 258, 256, 242, 3, 258, 3}));
 
     CInfoPro* plain = applet.install<CInfoPro>(applet.info_);
-    sender.expect(kFipsProbe, "69 82").expect("00 A4 08 00 06 66 66 10 00 00 06 00", "6A 82");
+    sender.expect(kFipsLabel, "69 82").expect("00 A4 08 00 06 66 66 10 00 00 06 00", "6A 82");
     EXPECT_EQ(plain->color(), 0xFFFFFFFFu) << "any refusal of the label file: not FIPS";
 }
 
 TEST_F(ProInfo, AnswersTooShortGiveBadAnswerWithoutReadingPast) {
-    sender.expect(kFipsProbe, "6A 82");
-    EXPECT_FALSE(info->isFips());
+    sender.expect(kFipsLabel, "6A 82");
+    EXPECT_FALSE(pro->isFips());
     const struct {
         bool home;  // memory selects the home first
         const char* command;
         const char* answer;
         std::function<void()> call;
     } rows[] = {{false, "00 CA 01 81 00", "00 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 90 00",
-                 [&] { info->id(2); }},
-                {false, "00 CA 01 82 00", "01 90 00", [&] { info->version(0); }},
-                {true, "00 CA 01 8A 00", "01 00 00 90 00", [&] { info->memoryFree(); }},
-                {true, "00 CA 01 89 00", "00 00 01 90 00", [&] { info->memoryTotal(); }},
-                {false, "00 84 00 00 08", "01 02 03 90 00", [&] { info->rnd(8); }}};
+                 [&] { pro->id(2); }},
+                {false, "00 CA 01 82 00", "01 90 00", [&] { pro->version(0); }},
+                {true, "00 CA 01 8A 00", "01 00 00 90 00", [&] { pro->memoryFree(); }},
+                {true, "00 CA 01 89 00", "00 00 01 90 00", [&] { pro->memoryTotal(); }},
+                {false, "00 84 00 00 08", "01 02 03 90 00", [&] { pro->rnd(8); }}};
     for (const auto& r : rows) {
-        if (r.home) sender.expect("00 A4 08 00 02 66 66 00", kDirFcp);
+        if (r.home) sender.expect(kHome, kDirFcp);
         sender.expect(r.command, r.answer);
         EXPECT_EQ(failureCode(r.call), code(0x6281)) << r.command << " / " << r.answer;
     }
@@ -76,13 +71,13 @@ TEST_F(ProInfo, AnswersTooShortGiveBadAnswerWithoutReadingPast) {
     sender.expectControl(kControl, askLength, "01 02 00");
     sender.expectControl(kControl, "01 00 00 00 C0 AA 00 00 01 00 03 01",
                          toHex(TBytes(0x0102, 0x3C)) + "00");
-    EXPECT_EQ(info->readCfg(), TBytes(0x0102, 0x3C));
+    EXPECT_EQ(pro->readCfg(), TBytes(0x0102, 0x3C));
     const std::pair<const char*, const char*> broken[] = {
         {"00 02", nullptr}, {"FF FF 00", nullptr}, {"00 02 00", "AA 00"}, {"00 02 00", "AA BB CC"}};
     for (const auto& [length, block] : broken) {
         sender.expectControl(kControl, askLength, length);
         if (block) sender.expectControl(kControl, "01 00 00 00 C0 AA 00 00 01 00 03 00", block);
-        EXPECT_EQ(failureCode([&] { info->readCfg(); }), code(0x6281)) << length;
+        EXPECT_EQ(failureCode([&] { pro->readCfg(); }), code(0x6281)) << length;
     }
 }
 

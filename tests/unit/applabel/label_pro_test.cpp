@@ -5,7 +5,6 @@
 
 #include <string>
 
-#include "token/appfs/fs_pro.h"
 #include "unit/scripted_sender.h"
 
 namespace {
@@ -14,7 +13,6 @@ using namespace krfs_test;
 
 const std::string kUtf8File = "00 A4 08 00 06 66 66 10 00 00 05 00";
 const std::string kLegacyFile = "00 A4 08 00 06 66 66 10 00 00 02 00";
-const std::string kFipsFile = "00 A4 08 00 06 66 66 50 00 00 02 00";
 
 TBytes text(const std::string& s, std::size_t size = 0) {
     TBytes out(s.begin(), s.end());
@@ -22,11 +20,7 @@ TBytes text(const std::string& s, std::size_t size = 0) {
     return out;
 }
 
-struct ProLabel : ::testing::Test {
-    ScriptedSender sender;
-    ScriptedApplet applet{&sender};
-    FixedInfo* info = applet.install<FixedInfo>(applet.info_, false);
-    CFSPro* fs = applet.install<CFSPro>(applet.fs_);
+struct ProLabel : ProApplet {
     CLabelPro* label = applet.install<CLabelPro>(applet.label_);  // after fs: it takes an adapter
 };
 
@@ -40,7 +34,7 @@ TEST_F(ProLabel, ReadsTheFileOfTheTokensFormFallingBackToTheLegacyOne) {
         TBytes stored;
     } rows[] = {{false, kUtf8File, "", utf8},
                 {false, kUtf8File, "69 82", legacy},
-                {true, kFipsFile, "", utf8}};
+                {true, kFipsLabel, "", utf8}};
     for (const auto& r : rows) {
         info->fips = r.fips;
         if (!r.answer.empty()) sender.expect(r.first, r.answer);
@@ -71,9 +65,9 @@ TEST_F(ProLabel, WritesPaddedFormsThenStampsTheToken) {
     };
     for (const auto& r : rows) {
         info->fips = r.fips;
-        written(r.fips ? kFipsFile : kUtf8File, r.utf8);
+        written(r.fips ? kFipsLabel : kUtf8File, r.utf8);
         if (!r.fips) written(kLegacyFile, r.legacy);
-        sender.expect("00 A4 08 00 04 66 66 00 01 00", fileFcp(16));  // the change marker
+        sender.expect(kMarkerSelect, fileFcp(16));
         sender.expect("00 D6 00 00 10" + anyBytes(16), "90 00");
         label->write(text(r.label));
     }

@@ -35,11 +35,6 @@ TEST(SessionDeathTest, CallsAgainstTheLockRuleAbort) {
     EXPECT_DEATH(unbound.Lock(), "void CToken::Lock\\(\\): Assertion `IsBound \\(\\)' failed");
 }
 
-const TBytes kPin{'1', '2', '3', '4', '5', '6'};
-const TBytes kSalt = hex("0A0A0505 1122334455667788 99AABBCCDDEEFF00");
-const TBytes kChallenge = hex("F0E1D2C3B4A59687");
-const std::string kCounter = "00 A4 08 00 06 66 66 10 00 00 04 00";
-
 // One session on a Pro token of each model: login, change, logout.
 TEST(ProSession, LoginCountChangeAndLogoutOnEachModel) {
     const struct {
@@ -50,29 +45,23 @@ TEST(ProSession, LoginCountChangeAndLogoutOnEachModel) {
     for (const auto& m : models) {
         SCOPED_TRACE(m.atr);
         auto* card = new ScriptedSender;  // the token owns it once attached
+        ProPinScript script{*card};
         auto pinFile = [&](const std::string& counter) {
             card->expect("00 CA 01 84 00", "90 00");
-            card->expect(kCounter, fileFcp(0x40));
-            card->expect("00 B0 00 00 02", counter + " 90 00");
-            card->expect(kCounter, fileFcp(0x40));
-            card->expect("00 B0 00 00 14", toHex(kSalt) + "90 00");
+            script.counter(false, 0, counter);
+            script.salt(false);
         };
         auto login = [&](const std::string& sw, const std::string& counter) {
             pinFile(counter);
-            card->expect("00 84 00 00 08", toHex(kChallenge) + "90 00");
-            card->expect("00 A4 08 00 02 66 66 00", kDirFcp);
-            card->expect(
-                "00 82 00 81 08 " + toHex(oracle::challengeMac(oracle::plainKey(kPin), kChallenge)),
-                sw);
-            card->expect(kCounter, fileFcp(0x40));
-            card->expect("00 B0 00 00 02", counter + " 90 00");
+            script.answer(false, 0x81, oracle::plainKey(kPin), sw);
+            script.counter(false, 0, counter);
         };
         // Bind's applet search: R2 refuses by the ATR alone, Pro runs its init.
         card->setAtr(m.atr);
-        card->expect("00 A4 08 00 02 66 66 00", kDirFcp);
+        card->expect(kHome, kDirFcp);
         card->expect("00 CA 01 83 00", "00 90 00");
         card->expect("00 A4 00 00 00", kDirFcp);
-        card->expect("00 A4 08 00 06 66 66 50 00 00 02 00", "6A 82");  // not FIPS
+        card->expect(kFipsLabel, "6A 82");  // not FIPS
         ::CToken token;
         token.Attach(std::unique_ptr<ISender>(card));
         ASSERT_EQ(token.AppletId(), 0x1002);
@@ -90,8 +79,8 @@ TEST(ProSession, LoginCountChangeAndLogoutOnEachModel) {
         EXPECT_EQ(token.LoginCount(), 1u) << "only a successful login counts";
 
         pinFile("09 0A");
-        card->expect("00 A4 08 00 02 66 66 00", kDirFcp);
-        card->expect(m.change + toHex(oracle::plainKey(hex("363534333231"))), "90 00");
+        card->expect(kHome, kDirFcp);
+        card->expect(m.change + toHex(oracle::plainKey(kNewPin)), "90 00");
         EXPECT_EQ(krfs::Guard([&] { token.ChangePin("654321"); }), 0);
 
         card->expect("00 A4 00 00 00", kDirFcp);
