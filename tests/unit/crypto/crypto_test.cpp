@@ -1,6 +1,6 @@
-// The crypto layers against published vectors and OpenSSL: DES, MD5 and SHA-1
-// (FIPS 46-3, RFC 1321, FIPS 180); the qn* toolkit with its padding, size
-// queries and sticky rv; and the card recipes built on it.
+// The crypto layers against published vectors and OpenSSL: DES, MD5 and SHA-1;
+// the qn* toolkit with its padding, size queries and sticky rv; the card recipes;
+// the RSA helpers.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,7 +9,8 @@
 #include "crypto/primitives.h"
 #include "crypto/token_crypto.h"
 #include "qncrypto.h"
-#include "unit/oracle.h"
+#include "crypto/rsa_helpers.h"
+#include "unit/scripted_sender.h"
 
 namespace {
 
@@ -210,6 +211,44 @@ TEST(TokenCrypto, RecipesWithWrongLengthsLeaveTheOutputUntouched) {
     crypto_qntoken_des3_mac(p, 8, p, 16, untouched.data(), 8);      // key
     crypto_athena_response(p, 4, p, 8, untouched.data(), 16);       // challenge
     EXPECT_EQ(untouched, TBytes(40, 0xA5));
+}
+
+using namespace krfs_test;
+
+// A certificate skeleton, SEQ { SEQ { [0] INT SEQ SEQ SEQ SEQ SEQ { SEQ BITSTRING
+// { SEQ { INT modulus INT 3 } } } } }, around a four-byte modulus.
+TBytes certificate(const char* modulus) {
+    return hex("30 24 30 22 A003020102 020101 3000 3000 3000 3000 30 10 3000 03 0C 00 30 09 02 04" +
+               std::string(modulus) + "020103");
+}
+
+TEST(RsaHelpers, ModulusOfACertificateAndEveryCutOneIsRefused) {
+    EXPECT_EQ(extractPublicKeyFromCert(certificate("00C11223")), hex("C11223"));
+    // Without the leading zero the first byte is dropped all the same.
+    EXPECT_EQ(extractPublicKeyFromCert(certificate("7F112233")), hex("112233"));
+    const TBytes der = certificate("00C11223");
+    for (size_t n = 0; n < der.size(); ++n) {
+        const TBytes cut(der.begin(), der.begin() + n);
+        EXPECT_EQ(failureCode([&] { extractPublicKeyFromCert(cut); }), code(0x6281)) << n;
+    }
+    EXPECT_EQ(failureCode([] { extractPublicKeyFromCert(hex("3080")); }), code(0x6281));
+
+    const std::pair<const char*, bool> below8000[] = {
+        {"7FFF", true}, {"8000", false}, {"00", false}, {"8001", false}};
+    for (const auto& [data, valid] : below8000)
+        EXPECT_EQ(isValidDataForRSA(hex("8000"), hex(data)), valid) << data;
+    for (size_t len : {0u, 60u, 125u}) {
+        const TBytes data = oracle::random(len);
+        TBytes d = data;
+        pkcs1pad(d, len == 125 ? 128 : 64);
+        EXPECT_EQ(d.size(), len == 125 ? 128u : 64u) << len;
+        EXPECT_EQ(TBytes(d.begin(), d.begin() + 2), hex("0002"));
+        EXPECT_EQ(d[d.size() - len - 1], 0x00) << "separator";
+        EXPECT_EQ(TBytes(d.end() - len, d.end()), data);
+        for (size_t i = 2; i + len + 1 < d.size(); ++i) EXPECT_LT(d[i], 255) << "rand() % 255";
+    }
+    TBytes any{1};
+    EXPECT_EQ(failureCode([&] { pkcs1pad(any, 0); }), code(0x6B00));
 }
 
 }  // namespace
