@@ -62,15 +62,6 @@ TEST(Primitives, PublishedVectorsWhateverTheParityBitsAndHowTheDataIsCut) {
             EXPECT_EQ(out, hex(expected)) << message << " cut at " << cut;
         }
     }
-    libapdu::SHAstate_st sha;  // a million 'a' in uneven pieces
-    SHA1_Init(&sha);
-    TBytes a(1000, 'a'), out(20);
-    for (size_t left = 1000000, piece = 1; left > 0; piece = piece * 3 % 997 + 1) {
-        SHA1_Update(&sha, a.data(), std::min(piece, left));
-        left -= std::min(piece, left);
-    }
-    SHA1_Final(out.data(), &sha);
-    EXPECT_EQ(out, hex("34aa973cd4c4daa4f61eeb2bdbad27316534016f"));
 }
 
 constexpr uint32_t kArg = QN_CRYPTO_E_ARGUMENT, kPad = QN_CRYPTO_E_PADDING,
