@@ -283,7 +283,6 @@ TEST(StatusExtract, LastTwoBytesHighByteFirstButLowByteFirstOnR2) {
     EXPECT_EQ(failureCode([&] { r2.raiseSW(r2.extractSW(hex("AA 00 90"))); }), 0);
     IApplet applet;  // a response too short for a word is the unknown word
     EXPECT_EQ(failureCode([&] { applet.checkSW(hex("90")); }), code(0xFFFF));
-    EXPECT_EQ(failureCode([&] { applet.pin()->pathUser(); }), code(0xFACE)) << "and holds stubs";
 }
 
 }  // namespace
