@@ -39,6 +39,7 @@ struct ProSm : ::testing::Test {
     ScriptedSender sender;
     ScriptedApplet applet{&sender};
     CPackPro* pack = applet.install<CPackPro>(applet.pack_);
+    const TBytes wrapped = smCommand(kMacKey, kEncKey, hex("00B00000"), {});
 };
 
 TEST_F(ProSm, WrapsCommandsOfEachShape) {
@@ -60,7 +61,6 @@ TEST_F(ProSm, WrapsCommandsOfEachShape) {
 }
 
 TEST_F(ProSm, SendsTheWrappedCommandAndOpensTheAnswer) {
-    const TBytes wrapped = smCommand(kMacKey, kEncKey, hex("00B00000"), {});
     const struct {
         const char* plain;
         unsigned short sw;
@@ -89,7 +89,6 @@ TEST_F(ProSm, SendsTheWrappedCommandAndOpensTheAnswer) {
 }
 
 TEST_F(ProSm, AnyFaultInAProtectedAnswerIsABadAnswer) {
-    const TBytes wrapped = smCommand(kMacKey, kEncKey, hex("00B00000"), {});
     const TBytes cipher =
         oracle::evp("DES-EDE3-CBC", kEncKey, TBytes(8, 0), oracle::isoPad(hex("010203")), true);
     const TBytes good = oracle::smReply(kMacKey, wrapped, cat({{0x01}, cipher}), 0x9000);
