@@ -108,18 +108,6 @@ inline TBytes retailMac(const TBytes& key, const TBytes& padded) {
     return evp("DES-ECB", part(2), {}, evp("DES-ECB", part(1), {}, chain, false), true);
 }
 
-// PKCS #12 key derivation with SHA-1 over the password as a BMPString.
-inline TBytes pkcs12(const TBytes& pass, const TBytes& salt, int id, int iter, size_t n) {
-    TBytes bmp;
-    for (unsigned char c : pass) bmp.insert(bmp.end(), {0x00, c});
-    bmp.insert(bmp.end(), {0x00, 0x00});
-    TBytes out(n);
-    PKCS12_key_gen_uni(bmp.data(), static_cast<int>(bmp.size()),
-                       const_cast<unsigned char*>(salt.data()), static_cast<int>(salt.size()), id,
-                       iter, static_cast<int>(n), out.data(), EVP_sha1());
-    return out;
-}
-
 // The unsalted PIN key: bit 7i+j of MD5(00 || pin) || MD5(01 || pin), low bit
 // first, is bit j of byte i.
 inline TBytes plainKey(const TBytes& pin) {
@@ -130,8 +118,16 @@ inline TBytes plainKey(const TBytes& pin) {
     return out;
 }
 
+// PKCS #12 key derivation: SHA-1, 999 rounds, over the PIN as a BMPString.
 inline TBytes saltedKey(int id, const TBytes& pin, const TBytes& salt) {
-    return pkcs12(pin, salt, id, 999, 24);
+    TBytes bmp;
+    for (unsigned char c : pin) bmp.insert(bmp.end(), {0x00, c});
+    bmp.insert(bmp.end(), {0x00, 0x00});
+    TBytes out(24);
+    PKCS12_key_gen_uni(bmp.data(), static_cast<int>(bmp.size()),
+                       const_cast<unsigned char*>(salt.data()), static_cast<int>(salt.size()), id,
+                       999, 24, out.data(), EVP_sha1());
+    return out;
 }
 
 // The answer to an 8-byte challenge: one triple DES block.
@@ -166,12 +162,6 @@ inline TBytes smReply(const TBytes& k1, const TBytes& sent, const TBytes& value,
                 {0x8E, 0x08},
                 mac,
                 {static_cast<unsigned char>(sw >> 8), static_cast<unsigned char>(sw)}});
-}
-
-inline TBytes smAnswer(const TBytes& k1, const TBytes& k3, const TBytes& sent, const TBytes& plain,
-                       unsigned short sw) {
-    return smReply(k1, sent,
-                   cat({{0x01}, evp("DES-EDE3-CBC", k3, TBytes(8, 0), isoPad(plain), true)}), sw);
 }
 
 }  // namespace oracle

@@ -13,6 +13,7 @@
 
 #include "libapdu/applet.h"
 #include "libapdu/exception.h"
+#include "token/appfs/fs_pro.h"
 #include "unit/oracle.h"
 
 namespace krfs_test {
@@ -133,5 +134,55 @@ inline std::string fileFcp(unsigned size) {
     return b;
 }
 inline const std::string kDirFcp = "6F 03 82 01 38 90 00";
+
+// Pro paths: the home (FIPS: 6666/5000) and the change marker; the PIN material.
+inline const std::string kHome = "00 A4 08 00 02 66 66 00";
+inline const std::string kFipsHome = "00 A4 08 00 04 66 66 50 00 00";
+inline const std::string kMarkerSelect = "00 A4 08 00 04 66 66 00 01 00";
+// The FIPS label file: a FIPS token is one that has it.
+inline const std::string kFipsLabel = "00 A4 08 00 06 66 66 50 00 00 02 00";
+inline const TBytes kPin = hex("313233343536"), kNewPin = hex("363534333231");
+inline const TBytes kSalt = hex("0A0A0505 1122334455667788 99AABBCCDDEEFF00");
+inline const TBytes kChallenge = hex("0123456789ABCDEF");
+
+inline std::string apdu(const char* format, unsigned a, unsigned b = 0) {
+    char s[40];
+    std::snprintf(s, sizeof s, format, a, b);
+    return s;
+}
+
+// The Pro PIN exchanges: the counter file holds two counter bytes per PIN and
+// the salt at 0.
+struct ProPinScript {
+    std::string counterFile(bool fips) {
+        return fips ? "00 A4 08 00 06 66 66 50 00 00 0F 00" : "00 A4 08 00 06 66 66 10 00 00 04 00";
+    }
+    // Empty `bytes`: no counter file.
+    void counter(bool fips, unsigned offset, const std::string& bytes) {
+        card.expect(counterFile(fips), bytes.empty() ? "6A 82" : fileFcp(0x40));
+        if (!bytes.empty())
+            card.expect(apdu("00 B0 %02X %02X 02", offset >> 8, offset & 0xFF), bytes + " 90 00");
+    }
+    void salt(bool fips) {
+        card.expect(counterFile(fips), fileFcp(0x40));
+        card.expect("00 B0 00 00 14", toHex(kSalt) + "90 00");
+    }
+    // The challenge, then its answer under `key` for the PIN object `p2`.
+    void answer(bool fips, unsigned char p2, const TBytes& key, const std::string& sw) {
+        card.expect("00 84 00 00 08", toHex(kChallenge) + "90 00");
+        card.expect(fips ? kFipsHome : kHome, kDirFcp);
+        card.expect(apdu("00 82 00 %02X 08 ", p2) + toHex(oracle::challengeMac(key, kChallenge)),
+                    sw);
+    }
+    ScriptedSender& card;
+};
+
+// A Pro applet with its real file system and an information double.
+struct ProApplet : ::testing::Test {
+    ScriptedSender sender;
+    ScriptedApplet applet{&sender};
+    FixedInfo* info = applet.install<FixedInfo>(applet.info_, false);
+    CFSPro* fs = applet.install<CFSPro>(applet.fs_);
+};
 
 }  // namespace krfs_test

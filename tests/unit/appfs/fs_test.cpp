@@ -1,12 +1,12 @@
 // The file-system drivers: the chunk loops of the base, and the Pro drivers
-// against a scripted card.
+// against a scripted card; the Pro label files on them.
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
 #include "token/appfs/fs_common.h"
-#include "token/appfs/fs_pro.h"
+#include "token/applabel/label_pro.h"
 #include "unit/scripted_sender.h"
 
 namespace {
@@ -91,10 +91,8 @@ std::vector<int> fields(const CFileInfo& i) { return {i.type, i.size, i.read, i.
 
 // Both size tags, so that it serves CFSPro (0x81) and CFSPro4 (0x80).
 const std::string kFile16 = ok(fcp("82 01 01 81 02 00 10 80 02 00 10 86 02 00 11"));
-const std::string kMarkerSelect = "00 A4 08 00 04 66 66 00 01 00";
-const std::string kHome = "00 A4 08 00 02 66 66 00";
 
-struct ProFs : ::testing::Test {
+struct ProFs : ProApplet {
     void selected(TPath path, const std::string& command, const std::string& answer) {
         sender.expect(command, answer);
         fs->select(path);
@@ -104,10 +102,6 @@ struct ProFs : ::testing::Test {
         sender.expect(kMarkerSelect, writeAnswer ? kFile16 : "6A 82");
         if (writeAnswer) sender.expect("00 D6 00 00 10" + anyBytes(16), writeAnswer);
     }
-    ScriptedSender sender;
-    ScriptedApplet applet{&sender};
-    FixedInfo* info = applet.install<FixedInfo>(applet.info_, false);
-    CFSPro* fs = applet.install<CFSPro>(applet.fs_);
 };
 
 TEST_F(ProFs, SelectFormsAndTheHomeOfRelativePaths) {
@@ -276,6 +270,75 @@ TEST_F(ProFs, ReadAndUpdateCutBlocksOf255WithExactBuffersWithinTheFileSize) {
         EXPECT_EQ(failureCode([&] { fs->write_bit(data, r.offset); }), r.inside ? 0 : code(0x6A84))
             << head;
     }
+}
+
+const std::string kUtf8File = "00 A4 08 00 06 66 66 10 00 00 05 00";
+const std::string kLegacyFile = "00 A4 08 00 06 66 66 10 00 00 02 00";
+
+TBytes text(const std::string& s, std::size_t size = 0) {
+    TBytes out(s.begin(), s.end());
+    if (out.size() < size) out.resize(size, 0);
+    return out;
+}
+
+struct ProLabel : ProApplet {
+    CLabelPro* label = applet.install<CLabelPro>(applet.label_);  // after fs: it takes an adapter
+};
+
+TEST_F(ProLabel, ReadsTheFileOfTheTokensFormFallingBackToTheLegacyOne) {
+    const TBytes utf8 = text("\xD0\x9A\xD0\xBB\xD1\x8E\xD1\x87 1", 32),
+                 legacy = text("Token A", 32);
+    const struct {
+        bool fips;
+        std::string first;   // the form's file
+        std::string answer;  // empty: there and read; else the legacy file is read
+        TBytes stored;
+    } rows[] = {{false, kUtf8File, "", utf8},
+                {false, kUtf8File, "69 82", legacy},
+                {true, kFipsLabel, "", utf8}};
+    for (const auto& r : rows) {
+        info->fips = r.fips;
+        if (!r.answer.empty()) sender.expect(r.first, r.answer);
+        sender.expect(r.answer.empty() ? r.first : kLegacyFile, fileFcp(32));
+        sender.expect("00 B0 00 00 20", toHex(r.stored) + "90 00");
+        EXPECT_EQ(label->read(), r.stored) << r.first << " " << r.answer;
+    }
+    EXPECT_EQ(label->encoding(), 3u);
+    info->fips = false;
+    sender.expect(kUtf8File, "6A 82").expect(kLegacyFile, "6A 82");
+    EXPECT_EQ(failureCode([&] { label->read(); }), code(0x6A82));
+}
+
+TEST_F(ProLabel, WritesPaddedFormsThenStampsTheToken) {
+    auto written = [&](const std::string& select, const TBytes& content) {
+        sender.expect(select, fileFcp(32));
+        sender.expect("00 D6 00 00 20 " + toHex(content), "90 00");
+    };
+    const std::string full = "0123456789abcdefghijklmnopqrstuv";
+    const struct {
+        bool fips;
+        std::string label;
+        TBytes utf8, legacy;  // legacy empty: none on a FIPS token
+    } rows[] = {
+        {false, "Token A", text("Token A", 32), text("Token A", 32)},
+        {false, full, text(full), text(full.substr(0, 31), 32)},  // the legacy one is cut
+        {true, full, text(full), {}},
+    };
+    for (const auto& r : rows) {
+        info->fips = r.fips;
+        written(r.fips ? kFipsLabel : kUtf8File, r.utf8);
+        if (!r.fips) written(kLegacyFile, r.legacy);
+        sender.expect(kMarkerSelect, fileFcp(16));
+        sender.expect("00 D6 00 00 10" + anyBytes(16), "90 00");
+        label->write(text(r.label));
+    }
+    info->fips = false;  // a failed write stops where it is, without a stamp
+    written(kUtf8File, text("A", 32));
+    sender.expect(kLegacyFile, "6A 82");
+    EXPECT_EQ(failureCode([&] { label->write(text("A")); }), code(0x6A82));
+    info->asked = 0;  // over 32 bytes: refused before even the FIPS question
+    EXPECT_EQ(failureCode([&] { label->write(text(std::string(33, 'x'))); }), code(0x6B00));
+    EXPECT_EQ(info->asked, 0);
 }
 
 }  // namespace

@@ -1,11 +1,9 @@
-// The Pro PIN drivers against a scripted card, every key and MAC from OpenSSL.
+// The Pro PIN drivers against a scripted card, keys and MACs from OpenSSL.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <string>
 #include <vector>
 
-#include "token/appfs/fs_pro.h"
 #include "token/apppack/pack_pro.h"
 #include "token/apppin/pin_pro.h"
 #include "unit/scripted_sender.h"
@@ -16,41 +14,12 @@ using namespace krfs_test;
 using oracle::plainKey;
 using oracle::saltedKey;
 
-const TBytes kPin = hex("313233343536"), kNewPin = hex("363534333231");
-const TBytes kSalt = hex("0A0A0505 1122334455667788 99AABBCCDDEEFF00");
-const TBytes kChallenge = hex("0123456789ABCDEF");
 const std::string kList = "00 CA 01 84 00";
-const std::string kHome = "00 A4 08 00 02 66 66 00", kFipsHome = "00 A4 08 00 04 66 66 50 00 00";
 
-std::string apdu(const char* format, unsigned a, unsigned b = 0) {
-    char s[40];
-    std::snprintf(s, sizeof s, format, a, b);
-    return s;
-}
-
-struct ProPin : ::testing::Test {
-    std::string counterFile(bool fips) {
-        return fips ? "00 A4 08 00 06 66 66 50 00 00 0F 00" : "00 A4 08 00 06 66 66 10 00 00 04 00";
-    }
-    // The two counter bytes of the selected PIN; empty `bytes`: no counter file.
-    void counter(bool fips, unsigned offset, const std::string& bytes) {
-        sender.expect(counterFile(fips), bytes.empty() ? "6A 82" : fileFcp(0x40));
-        if (!bytes.empty())
-            sender.expect(apdu("00 B0 %02X %02X 02", offset >> 8, offset & 0xFF), bytes + " 90 00");
-    }
+struct ProPin : ProApplet, ProPinScript {
+    ProPin() : ProPinScript{sender} {}
     void written(unsigned offset, const std::string& bytes, const char* answer = "90 00") {
         sender.expect(apdu("00 D6 00 %02X 02 ", offset) + bytes, answer);
-    }
-    void salt(bool fips) {
-        sender.expect(counterFile(fips), fileFcp(0x40));
-        sender.expect("00 B0 00 00 14", toHex(kSalt) + "90 00");
-    }
-    // The challenge, then its answer under `key` for the PIN object `p2`.
-    void answer(bool fips, unsigned char p2, const TBytes& key, const std::string& sw) {
-        sender.expect("00 84 00 00 08", toHex(kChallenge) + "90 00");
-        sender.expect(fips ? kFipsHome : kHome, kDirFcp);
-        sender.expect(apdu("00 82 00 %02X 08 ", p2) + toHex(oracle::challengeMac(key, kChallenge)),
-                      sw);
     }
     // A fresh driver (paths follow the mode at their first use) with `path`, or the
     // user PIN, selected: nothing verified yet, `left` in the counter at `offset`.
@@ -73,10 +42,6 @@ struct ProPin : ::testing::Test {
         return failureCode([&] { pack->keyGet(key); }) == code(0x6900);
     }
 
-    ScriptedSender sender;
-    ScriptedApplet applet{&sender};
-    FixedInfo* info = applet.install<FixedInfo>(applet.info_, false);
-    CFSPro* fs = applet.install<CFSPro>(applet.fs_);
     CPackPro* pack = applet.install<CPackPro>(applet.pack_);
     CPinPro* pin = nullptr;
 };

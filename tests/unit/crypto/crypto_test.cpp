@@ -1,15 +1,15 @@
-// The crypto layers against published vectors and OpenSSL: DES, MD5 and SHA-1
-// (FIPS 46-3, RFC 1321, FIPS 180); the qn* toolkit with its padding, size
-// queries and sticky rv; and the card recipes built on it.
+// MD5 and SHA-1 against published vectors; the qn* toolkit (DES inside) against
+// OpenSSL, with its padding, size queries and sticky rv; the recipes; RSA helpers.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <string>
 
 #include "crypto/primitives.h"
+#include "crypto/rsa_helpers.h"
 #include "crypto/token_crypto.h"
 #include "qncrypto.h"
-#include "unit/oracle.h"
+#include "unit/scripted_sender.h"
 
 namespace {
 
@@ -17,22 +17,7 @@ using krfs_test::cat;
 using krfs_test::hex;
 using namespace libapdu;
 
-TEST(Primitives, PublishedVectorsWhateverTheParityBitsAndHowTheDataIsCut) {
-    const char* des[][3] = {{"133457799BBCDFF1", "0123456789ABCDEF", "85E813540F0AB405"},
-                            {"8001010101010101", "0000000000000000", "95A8D72813DAA94D"},
-                            {"0E329232EA6D0D73", "8787878787878787", "0000000000000000"}};
-    for (const auto& v : des) {
-        for (int flip = -1; flip < 8; ++flip) {
-            TBytes key = hex(v[0]), block = hex(v[1]);
-            if (flip >= 0) key[flip] ^= 0x01;
-            tagDesContext ctx;
-            des_initialize(key.data(), &ctx);
-            des_encrypt(&ctx, block.data());
-            EXPECT_EQ(block, hex(v[2])) << v[0] << " parity of byte " << flip;
-            des_decrypt(&ctx, block.data());
-            EXPECT_EQ(block, hex(v[1])) << v[0];
-        }
-    }
+TEST(Primitives, HashesMatchPublishedVectorsHoweverTheDataIsCut) {
     const std::pair<std::string, const char*> hashes[] = {
         {"12345678901234567890123456789012345678901234567890123456789012345678901234567890",
          "57edf4a22be3c955ac49da2e2107b67a"},
@@ -61,15 +46,6 @@ TEST(Primitives, PublishedVectorsWhateverTheParityBitsAndHowTheDataIsCut) {
             EXPECT_EQ(out, hex(expected)) << message << " cut at " << cut;
         }
     }
-    libapdu::SHAstate_st sha;  // a million 'a' in uneven pieces
-    SHA1_Init(&sha);
-    TBytes a(1000, 'a'), out(20);
-    for (size_t left = 1000000, piece = 1; left > 0; piece = piece * 3 % 997 + 1) {
-        SHA1_Update(&sha, a.data(), std::min(piece, left));
-        left -= std::min(piece, left);
-    }
-    SHA1_Final(out.data(), &sha);
-    EXPECT_EQ(out, hex("34aa973cd4c4daa4f61eeb2bdbad27316534016f"));
 }
 
 constexpr uint32_t kArg = QN_CRYPTO_E_ARGUMENT, kPad = QN_CRYPTO_E_PADDING,
@@ -210,6 +186,44 @@ TEST(TokenCrypto, RecipesWithWrongLengthsLeaveTheOutputUntouched) {
     crypto_qntoken_des3_mac(p, 8, p, 16, untouched.data(), 8);      // key
     crypto_athena_response(p, 4, p, 8, untouched.data(), 16);       // challenge
     EXPECT_EQ(untouched, TBytes(40, 0xA5));
+}
+
+using namespace krfs_test;
+
+// A certificate skeleton, SEQ { SEQ { [0] INT SEQ SEQ SEQ SEQ SEQ { SEQ BITSTRING
+// { SEQ { INT modulus INT 3 } } } } }, around a four-byte modulus.
+TBytes certificate(const char* modulus) {
+    return hex("30 24 30 22 A003020102 020101 3000 3000 3000 3000 30 10 3000 03 0C 00 30 09 02 04" +
+               std::string(modulus) + "020103");
+}
+
+TEST(RsaHelpers, ModulusOfACertificateAndEveryCutOneIsRefused) {
+    EXPECT_EQ(extractPublicKeyFromCert(certificate("00C11223")), hex("C11223"));
+    // Without the leading zero the first byte is dropped all the same.
+    EXPECT_EQ(extractPublicKeyFromCert(certificate("7F112233")), hex("112233"));
+    const TBytes der = certificate("00C11223");
+    for (size_t n = 0; n < der.size(); ++n) {
+        const TBytes cut(der.begin(), der.begin() + n);
+        EXPECT_EQ(failureCode([&] { extractPublicKeyFromCert(cut); }), code(0x6281)) << n;
+    }
+    EXPECT_EQ(failureCode([] { extractPublicKeyFromCert(hex("3080")); }), code(0x6281));
+
+    const std::pair<const char*, bool> below8000[] = {
+        {"7FFF", true}, {"8000", false}, {"00", false}, {"8001", false}};
+    for (const auto& [data, valid] : below8000)
+        EXPECT_EQ(isValidDataForRSA(hex("8000"), hex(data)), valid) << data;
+    for (size_t len : {0u, 60u, 125u}) {
+        const TBytes data = oracle::random(len);
+        TBytes d = data;
+        pkcs1pad(d, len == 125 ? 128 : 64);
+        EXPECT_EQ(d.size(), len == 125 ? 128u : 64u) << len;
+        EXPECT_EQ(TBytes(d.begin(), d.begin() + 2), hex("0002"));
+        EXPECT_EQ(d[d.size() - len - 1], 0x00) << "separator";
+        EXPECT_EQ(TBytes(d.end() - len, d.end()), data);
+        for (size_t i = 2; i + len + 1 < d.size(); ++i) EXPECT_LT(d[i], 255) << "rand() % 255";
+    }
+    TBytes any{1};
+    EXPECT_EQ(failureCode([&] { pkcs1pad(any, 0); }), code(0x6B00));
 }
 
 }  // namespace

@@ -1,26 +1,16 @@
-// The support code: free-list allocators, the shared pointer with a settable
-// target, and text conversion.
+// The shared pointer with a settable target, and text conversion.
 #include <gtest/gtest.h>
 
 #include <clocale>
 #include <string>
 
-#include "alloc.h"
 #include "conv.h"
 #include "sh_ptr.h"
 #include "src/krfs/barrier.h"
 
 namespace {
 
-TEST(Support, AllocatorsReuseFreedBlocksAndTheSharedPointerMovesAllCopies) {
-    void* p = sized_alloc::alloc(120);
-    sized_alloc::free(p, 120);
-    EXPECT_EQ(sized_alloc::alloc(113), p) << "113..120 bytes share a list, freed first out";
-    sized_alloc::free(p, 113);
-    void* q = fixed_alloc<char[24]>::alloc();
-    fixed_alloc<char[24]>::free(q);
-    EXPECT_EQ(fixed_alloc<char[24]>::alloc(), q);
-
+TEST(Support, SharedPointerSetMovesAllCopies) {
     static int alive = 0;
     struct Counted {
         Counted() { ++alive; }
