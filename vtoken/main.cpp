@@ -3,6 +3,7 @@
 #include "core/faults.h"
 #include "core/script_card.h"
 #include "core/vpcd.h"
+#include "persist/java_dialects.h"
 #include "persist/token_file.h"
 #include "pro/pro_state.h"
 #include "r2/r2_card.h"
@@ -33,7 +34,8 @@ const char kUsage[] =
     "init options:\n"
     "  --state FILE      where the token is kept (required); an existing file\n"
     "                    is replaced only with --force\n"
-    "  --dialect D       pro (default) or r2\n"
+    "  --dialect D       pro (default), r2, or a Java-card dialect: gost,\n"
+    "                    datastore\n"
     "  --model M         pro16, pro32, pro42 (default) or pro42b\n"
     "  --fips            FIPS layout: home 3F00 6666 5000, no administrator PIN\n"
     "  --label TEXT      token label, UTF-8, at most 32 bytes (R2: no zero\n"
@@ -52,6 +54,10 @@ const char kUsage[] =
     "                    (default 10); a right PIN restores them\n"
     "  --force           replace an existing state file\n"
     "  An R2 token takes no --model, --fips, --admin-pin or --life-cycle.\n"
+    "\n"
+    "init options of the Java-card dialects (one card, applets chosen by AID):\n"
+    "  --atr HEX         the card's answer to reset (default: the Java 1.0\n"
+    "                    token, 3B D5 18 00 81 31 FE 7D 80 73 C8 21 10 F4)\n"
     "\n"
     "serve options:\n"
     "  --port N       vpcd port of the slot (default 35963, the first slot;\n"
@@ -175,7 +181,56 @@ unsigned char hexByte(const std::string& text, const std::string& what) {
     return b[0];
 }
 
+// init for a dialect that lives on the Java card: the platform takes
+// --state, --force and --atr, the dialect's applets every other option,
+// each with a value.
+int initJavaCard(const vtoken::JavaDialect& dialect, const std::vector<std::string>& args) {
+    std::string path;
+    bool force = false;
+    std::optional<vtoken::Bytes> atr;
+    vtoken::javacard::InitOptions options;
+    std::string text;
+    try {
+        Options o(args);
+        while (o.next()) {
+            const std::string& a = o.name();
+            if (a == "--state") {
+                path = o.value();
+            } else if (a == "--dialect") {
+                o.value();
+            } else if (a == "--force") {
+                force = true;
+            } else if (a == "--atr") {
+                atr = vtoken::fromHex(o.value());
+            } else if (a.rfind("--", 0) == 0) {
+                options.add(a, o.value());
+            } else {
+                throw std::invalid_argument("unknown option: " + a);
+            }
+        }
+        if (path.empty()) throw std::invalid_argument("init needs --state");
+        vtoken::JavaInstallation installation = dialect.install(options);
+        options.requireAllUsed(dialect.name);
+        if (atr) installation.atr = *atr;
+        vtoken::javacard::JavaCard card(std::move(installation.atr),
+                                        std::move(installation.applets));
+        text = vtoken::javacard::toJsonText(card, dialect.name);
+    } catch (const std::invalid_argument& e) {
+        return usageError(e.what());
+    }
+    try {
+        vtoken::writeNewState(path, text, force);
+    } catch (const std::exception& e) {
+        return failure(e.what());
+    }
+    return 0;
+}
+
 int init(const std::vector<std::string>& args) {
+    for (std::size_t i = 0; i + 1 < args.size(); ++i)
+        if (args[i] == "--dialect")
+            if (const vtoken::JavaDialect* d = vtoken::javaDialect(args[i + 1]))
+                return initJavaCard(*d, args);
     std::string path, dialect = "pro";
     bool force = false;
     vtoken::pro::Personalisation p;
@@ -230,7 +285,9 @@ int init(const std::vector<std::string>& args) {
             }
         }
         if (path.empty()) throw std::invalid_argument("init needs --state");
-        if (dialect != "pro" && dialect != "r2") throw std::invalid_argument("dialect: pro or r2");
+        if (dialect != "pro" && dialect != "r2")
+            throw std::invalid_argument("dialect: pro, r2 or a Java-card dialect (" +
+                                        vtoken::javaDialectNames() + ")");
         if (dialect == "r2" && !proOnly.empty())
             throw std::invalid_argument("an R2 token takes no " + proOnly);
         if (dialect == "pro" && !r2Only.empty())

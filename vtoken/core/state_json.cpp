@@ -41,6 +41,15 @@ json parseStateText(std::string_view text, const char* dialect) {
     return j;
 }
 
+unsigned long numberField(const json& j, const char* key, unsigned long min, unsigned long max,
+                          std::optional<unsigned long> otherwise) {
+    const json& n = j.contains(key) || !otherwise ? j.value(key, json()) : json(*otherwise);
+    if (!n.is_number_unsigned() || n.get<unsigned long>() < min || n.get<unsigned long>() > max)
+        throw std::invalid_argument(std::string(key) + ": " + std::to_string(min) + " to " +
+                                    std::to_string(max));
+    return n.get<unsigned long>();
+}
+
 json faultsToJson(const Faults& faults) {
     json out = json::object();
     if (!faults.refuse.empty()) {

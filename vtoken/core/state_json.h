@@ -7,6 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -19,6 +20,11 @@ Bytes hexField(const nlohmann::ordered_json& value, const char* what, int size =
 // The JSON object of a state file of `dialect` ("pro", "r2"); throws
 // std::invalid_argument for text that is not JSON or another dialect's state.
 nlohmann::ordered_json parseStateText(std::string_view text, const char* dialect);
+
+// The unsigned number `j[key]`, between `min` and `max`; `otherwise` when
+// the key is absent, if given. Throws std::invalid_argument naming `key`.
+unsigned long numberField(const nlohmann::ordered_json& j, const char* key, unsigned long min,
+                          unsigned long max, std::optional<unsigned long> otherwise = std::nullopt);
 
 nlohmann::ordered_json faultsToJson(const Faults& faults);
 Faults faultsFromJson(const nlohmann::ordered_json& value);

@@ -1,6 +1,7 @@
 #include "persist/token_file.h"
 
 #include "core/state_json.h"
+#include "persist/java_dialects.h"
 
 #include <sys/stat.h>
 
@@ -30,8 +31,15 @@ StoredToken::StoredToken(std::string path) : path_(std::move(path)) {
             r2_->setOnChange([file](const r2::R2State& state) {
                 writeFileAtomically(file, r2::toJsonText(state));
             });
+        } else if (javaDialect(dialect_)) {
+            java_ = javacard::fromJsonText(text, dialect_, &loadApplet);
+            const std::string file = path_, dialect = dialect_;
+            java_->setOnChange([file, dialect](const javacard::JavaCard& card) {
+                writeFileAtomically(file, javacard::toJsonText(card, dialect));
+            });
         } else {
-            throw std::invalid_argument("dialect: pro or r2");
+            throw std::invalid_argument("dialect: pro, r2 or a Java-card dialect (" +
+                                        javaDialectNames() + ")");
         }
     } catch (const std::invalid_argument& e) {
         throw std::invalid_argument(path_ + ": " + e.what());
@@ -40,14 +48,17 @@ StoredToken::StoredToken(std::string path) : path_(std::move(path)) {
 
 ICard& StoredToken::card() {
     if (pro_) return *pro_;
+    if (java_) return *java_;
     return *r2_;
 }
 
 const Faults& StoredToken::faults() const {
+    if (java_) return java_->faults();
     return pro_ ? pro_->state().faults : r2_->state().faults;
 }
 
 std::string StoredToken::describe() const {
+    if (java_) return javacard::describe(*java_);
     return pro_ ? pro::describe(pro_->state()) : r2::describe(r2_->state());
 }
 

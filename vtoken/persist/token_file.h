@@ -4,6 +4,7 @@
 
 #include "core/card.h"
 #include "core/faults.h"
+#include "javacard/javacard.h"
 #include "pro/pro_card.h"
 #include "r2/r2_card.h"
 
@@ -29,12 +30,15 @@ public:
     // The model behind card(), or null for another dialect.
     pro::ProCard* pro() { return pro_.get(); }
     r2::R2Card* r2() { return r2_.get(); }
+    // The card of a Java-card dialect (gost, datastore, ...).
+    javacard::JavaCard* java() { return java_.get(); }
 
 private:
     std::string path_;
     std::string dialect_;
     std::unique_ptr<pro::ProCard> pro_;
     std::unique_ptr<r2::R2Card> r2_;
+    std::unique_ptr<javacard::JavaCard> java_;
 };
 
 // Writes a fresh state; refuses to replace an existing file unless `replace`.

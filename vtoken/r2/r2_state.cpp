@@ -78,15 +78,6 @@ Node nodeFromJson(const json& j, int depth) {
     return n;
 }
 
-unsigned long numberField(const json& j, const char* key, unsigned long min, unsigned long max,
-                          std::optional<unsigned long> otherwise = std::nullopt) {
-    const json& n = j.contains(key) || !otherwise ? j.value(key, json()) : json(*otherwise);
-    if (!n.is_number_unsigned() || n.get<unsigned long>() < min || n.get<unsigned long>() > max)
-        throw std::invalid_argument(std::string(key) + ": " + std::to_string(min) + " to " +
-                                    std::to_string(max));
-    return n.get<unsigned long>();
-}
-
 UserPin pinFromJson(const json& j) {
     UserPin pin;
     if (j.is_null()) return pin;
