@@ -3,7 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -77,5 +80,89 @@ inline std::vector<WORD> files(__tag_HDir* d) {
 inline std::vector<WORD> dirs(__tag_HDir* d) {
     return list(d, KRDirEnumOpen, KRDirEnumNext, KRDirEnumClose);
 }
+
+// A token text (identifier, model, label) through its two calls: the size,
+// then the text.
+inline std::string text(long (*get)(__tag_HToken*, char*, DWORD*), __tag_HToken* h) {
+    DWORD size = 0;
+    EXPECT_EQ(get(h, nullptr, &size), 0);
+    std::string out(size, '\0');
+    EXPECT_EQ(get(h, out.data(), &size), 0);
+    return out.c_str();
+}
+
+inline DWORD number(long (*get)(__tag_HToken*, DWORD*), __tag_HToken* h) {
+    DWORD n = 0;
+    EXPECT_EQ(get(h, &n), 0);
+    return n;
+}
+
+// A file as an enumeration reports it.
+struct Entry {
+    WORD id, size;
+    int isPrivate;
+    bool operator==(const Entry& o) const {
+        return id == o.id && size == o.size && isPrivate == o.isPrivate;
+    }
+};
+inline std::vector<Entry> entries(__tag_HDir* dir) {
+    std::vector<Entry> out;
+    __tag_HFilesEnum* e = nullptr;
+    EXPECT_EQ(KRFilesEnumOpen(&e, dir), 0);
+    __tag_FileInfo i;
+    long rc;
+    while ((rc = KRFilesEnumNext(e, &i)) == 0) out.push_back({i.id, i.size, i.isPrivate});
+    EXPECT_EQ(rc, 0x80070103L);
+    EXPECT_EQ(KRFilesEnumClose(e), 0);
+    return out;
+}
+
+// The first `size` bytes of a file, or the result code as text.
+inline std::string readAll(__tag_HFile* f, WORD size) {
+    std::string out(size, '\0');
+    const long rc = KRFileRead(f, 0, size, reinterpret_cast<unsigned char*>(out.data()), size);
+    return rc == 0 ? out : "error " + std::to_string(rc);
+}
+inline long writeText(__tag_HFile* f, WORD offset, const std::string& data) {
+    return KRFileWrite(f, offset, reinterpret_cast<const unsigned char*>(data.data()),
+                       static_cast<WORD>(data.size()));
+}
+// Bytes that differ from their neighbours, so a shifted block shows.
+inline std::string pattern(std::size_t n) {
+    std::string data(n, '\0');
+    for (std::size_t i = 0; i < n; ++i) data[i] = static_cast<char>(i * 7 + 3);
+    return data;
+}
+
+#ifdef KRFS_CLI_PATH
+// One run of the krfs tool.
+struct Call {
+    std::string args;  // simple words; the shell sees them as written
+    int status;
+    std::string says;  // in stdout or stderr; exact stdout if it ends in a newline
+    std::string input = "";
+    std::string env = "";
+};
+
+// Runs krfs as a shell would, checks what it says and how it exits, and
+// returns all it said.
+inline std::string krfsTool(const Call& call) {
+    static harness::TempDir dir("krfs-cli");
+    const std::string in = dir.file("in"), out = dir.file("out"), err = dir.file("err");
+    harness::writeFile(in, call.input);
+    const std::string cmd =
+        call.env + " " + KRFS_CLI_PATH + " " + call.args + " <" + in + " >" + out + " 2>" + err;
+    const int raw = std::system(cmd.c_str());
+    const std::string stdout_ = harness::readFile(out), stderr_ = harness::readFile(err);
+    EXPECT_EQ(WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, call.status) << call.args << "\n" << stderr_;
+    if (!call.says.empty() && call.says.back() == '\n')
+        EXPECT_EQ(stdout_, call.says) << call.args;
+    else
+        EXPECT_NE((stdout_ + stderr_).find(call.says), std::string::npos) << call.args << " says\n"
+                                                                          << stdout_ << stderr_;
+    EXPECT_EQ(stderr_.find("CAException"), std::string::npos) << stderr_;
+    return stdout_ + stderr_;
+}
+#endif
 
 }  // namespace krfs::e2e

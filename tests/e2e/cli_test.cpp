@@ -6,39 +6,14 @@
 #include <cstdlib>
 #include <string>
 
+#include "e2e/api_session.h"
 #include "harness/harness.h"
 
 namespace {
 
 using namespace krfs::harness;
-
-struct Call {
-    std::string args;  // simple words; the shell sees them as written
-    int status;
-    std::string says;  // in stdout or stderr; exact stdout if it ends in a newline
-    std::string input = "";
-    std::string env = "";
-};
-
-// Runs krfs as a shell would, checks what it says and how it exits, and
-// returns all it said.
-std::string krfs(const Call& call) {
-    static TempDir dir("krfs-cli");
-    const std::string in = dir.file("in"), out = dir.file("out"), err = dir.file("err");
-    writeFile(in, call.input);
-    const std::string cmd =
-        call.env + " " + KRFS_CLI_PATH + " " + call.args + " <" + in + " >" + out + " 2>" + err;
-    const int raw = std::system(cmd.c_str());
-    const std::string stdout_ = readFile(out), stderr_ = readFile(err);
-    EXPECT_EQ(WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, call.status) << call.args << "\n" << stderr_;
-    if (!call.says.empty() && call.says.back() == '\n')
-        EXPECT_EQ(stdout_, call.says) << call.args;
-    else
-        EXPECT_NE((stdout_ + stderr_).find(call.says), std::string::npos) << call.args << " says\n"
-                                                                          << stdout_ << stderr_;
-    EXPECT_EQ(stderr_.find("CAException"), std::string::npos) << stderr_;
-    return stdout_ + stderr_;
-}
+using krfs::e2e::Call;
+using krfs::e2e::krfsTool;
 
 // A token whose user PIN counts as verified in slot 0, one that asks for
 // 123456 in slot 1.
@@ -91,21 +66,21 @@ TEST(Cli, FilesInformationPinsAndFailures) {
         {pin + "passwd --pin-env OLD --new-pin-env NEW", 0, "", "", "OLD=24681357 NEW=11223344"},
         {pin + "login", 0, "PIN accepted\n", "11223344\n"},
     };
-    for (const Call& call : calls) krfs(call);
+    for (const Call& call : calls) krfsTool(call);
     for (const char* sub :
          {"readers", "info", "ls", "cat", "get", "put", "mkdir", "rm", "login", "passwd"})
-        krfs({std::string(sub) + " --help", 0, "Usage:"});
-    EXPECT_EQ(krfs({v + "cat 2000/0001", 0, ""}), content);
+        krfsTool({std::string(sub) + " --help", 0, "Usage:"});
+    EXPECT_EQ(krfsTool({v + "cat 2000/0001", 0, ""}), content);
     EXPECT_EQ(readFile(back), content);
-    krfs({v + "rm -r 2000", 0, ""});
-    EXPECT_EQ(krfs({v + "ls", 0, ""}), "");
+    krfsTool({v + "rm -r 2000", 0, ""});
+    EXPECT_EQ(krfsTool({v + "ls", 0, ""}), "");
 }
 
 TEST(Cli, NoTokenNoPcscdAndATokenRemovedMidCommand) {
     {
         Pcscd pcscd;
-        krfs({"readers", 0, "Virtual PCD 00 00\tempty\nVirtual PCD 00 01\tempty\n"});
-        krfs({"info", 1, "0x8010000C"});
+        krfsTool({"readers", 0, "Virtual PCD 00 00\tempty\nVirtual PCD 00 01\tempty\n"});
+        krfsTool({"info", 1, "0x8010000C"});
         VTokenOptions o;
         o.init = TokenInit{};
         // The card leaves at its 12th command: in the middle of the listing.
@@ -113,12 +88,12 @@ TEST(Cli, NoTokenNoPcscdAndATokenRemovedMidCommand) {
         VToken card(pcscd, 0, o);
         // vpcd completes the command in flight with no bytes at all, which the
         // library reads as no status word; later commands fail in PC/SC.
-        const std::string said = krfs({"ls -R", 1, "krfs: "});
+        const std::string said = krfsTool({"ls -R", 1, "krfs: "});
         EXPECT_TRUE(said.find("0x86E0FFFF: unknown status word") != std::string::npos ||
                     said.find(": 0x8010") != std::string::npos)
             << said;
     }
-    krfs({"readers", 1, "0x86E0001D: no PC/SC service"});
+    krfsTool({"readers", 1, "0x86E0001D: no PC/SC service"});
 }
 
 }  // namespace

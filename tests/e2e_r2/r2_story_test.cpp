@@ -15,9 +15,7 @@
 namespace {
 
 using namespace krfs::harness;
-using krfs::e2e::count;
-using krfs::e2e::dirs;
-using krfs::e2e::Session;
+using namespace krfs::e2e;
 
 const long kNoLogin = 0x86E06900L;
 const long kWrongPin = 0x86E06300L;
@@ -33,34 +31,6 @@ VTokenOptions r2Token() {
     init.label = "r2 token";
     o.init = init;
     return o;
-}
-
-std::string text(long (*get)(__tag_HToken*, char*, DWORD*), __tag_HToken* h) {
-    DWORD size = 0;
-    EXPECT_EQ(get(h, nullptr, &size), 0);
-    std::string out(size, '\0');
-    EXPECT_EQ(get(h, out.data(), &size), 0);
-    return out.c_str();
-}
-
-struct Entry {
-    WORD id, size;
-    int isPrivate;
-    bool operator==(const Entry& o) const {
-        return id == o.id && size == o.size && isPrivate == o.isPrivate;
-    }
-};
-
-std::vector<Entry> files(__tag_HDir* dir) {
-    std::vector<Entry> out;
-    __tag_HFilesEnum* e = nullptr;
-    EXPECT_EQ(KRFilesEnumOpen(&e, dir), 0);
-    __tag_FileInfo i;
-    long rc;
-    while ((rc = KRFilesEnumNext(e, &i)) == 0) out.push_back({i.id, i.size, i.isPrivate});
-    EXPECT_EQ(rc, kEnd);
-    EXPECT_EQ(KRFilesEnumClose(e), 0);
-    return out;
 }
 
 TEST(R2Story, BindTreeFilesPinAndDeletes) {
@@ -118,7 +88,7 @@ TEST(R2Story, BindTreeFilesPinAndDeletes) {
     // Listing and reading the 1 KiB file, counted in the APDU log.
     std::remove(log.c_str());
     KREnableLogging(log.c_str());
-    EXPECT_EQ(files(sub), (std::vector<Entry>{{0x0101, 1024, 0}, {0x0102, 16, 1}}));
+    EXPECT_EQ(entries(sub), (std::vector<Entry>{{0x0101, 1024, 0}, {0x0102, 16, 1}}));
     EXPECT_EQ(dirs(vendor), std::vector<WORD>{0x2001});
     std::vector<unsigned char> back(1024);
     ASSERT_EQ(KRFileRead(pub, 0, 0xFFFF, back.data(), 1024), 0);
@@ -157,7 +127,7 @@ TEST(R2Story, BindTreeFilesPinAndDeletes) {
 
     // Deletes: the card keeps a directory until it is empty.
     ASSERT_EQ(KRFileDelete(pub), 0);
-    EXPECT_EQ(files(sub), (std::vector<Entry>{{0x0102, 16, 1}}));
+    EXPECT_EQ(entries(sub), (std::vector<Entry>{{0x0102, 16, 1}}));
     EXPECT_EQ(KRDirDelete(sub), kNoLogin + 0) << "not empty";
     ASSERT_EQ(KRFileDelete(priv), 0);
     ASSERT_EQ(KRDirDelete(sub), 0);
@@ -183,7 +153,7 @@ TEST(R2Story, RemovalMidSessionFailsCleanlyAndRebindRecovers) {
     ASSERT_EQ(KRTokenRebind(s.h), 0);
     EXPECT_EQ(KRTokenLock(s.h), 0);
     ASSERT_EQ(KRDirOpen(&label, 0x8000, root), 0);
-    EXPECT_EQ(files(label), (std::vector<Entry>{{0xAAAA, 8, 0}}));
+    EXPECT_EQ(entries(label), (std::vector<Entry>{{0xAAAA, 8, 0}}));
     EXPECT_EQ(KRDirClose(label), 0);
     EXPECT_EQ(KRDirClose(root), 0);
 }
@@ -197,30 +167,23 @@ TEST(R2Story, TheKrfsToolWorksTheToken) {
     std::string content(500, '\0');
     for (std::size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>('a' + i % 26);
     writeFile(tmp.file("notes"), content);
-    const auto krfs = [&](const std::string& args, int status, const std::string& env = "") {
-        const std::string command = env + " KRFS_PIN=1234 " KRFS_CLI_PATH " " + args + " >" +
-                                    tmp.file("out") + " 2>" + tmp.file("err");
-        const int raw = std::system(command.c_str());
-        EXPECT_EQ(WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, status) << args << "\n"
-                                                                  << readFile(tmp.file("err"));
-        return readFile(tmp.file("out")) + readFile(tmp.file("err"));
+    const std::string login = "--login --pin-env KRFS_PIN --vendor F001 ", pin = "KRFS_PIN=1234";
+    const Call calls[] = {
+        {"info", 0, "r2 token"},
+        {"info", 0, "Identifier: a1b2c3d4\nModel: Qntoken"},
+        // Without the shim pcsc-lite refuses the card.
+        {"info", 1, "0x8010000F: PC/SC failure", "", "env -u LD_PRELOAD"},
+        {login + "put " + tmp.file("notes") + " 0001", 0, "", "", pin},
+        {"--vendor F001 cat 0001", 0, content},
+        {"--vendor F001 rm 0001", 1, "0x86E06900"},
+        {login + "rm 0001", 0, "", "", pin},
+        {"--vendor F001 cat 0001", 1, "0x86E06A82"},
     };
-    const std::string login = "--login --pin-env KRFS_PIN --vendor F001 ";
-
-    EXPECT_NE(krfs("info", 0).find("r2 token"), std::string::npos);
-    EXPECT_NE(krfs("info", 0).find("Identifier: a1b2c3d4\nModel: Qntoken\n"), std::string::npos);
-    // Without the shim pcsc-lite refuses the card.
-    EXPECT_NE(krfs("info", 1, "env -u LD_PRELOAD").find("0x8010000F: PC/SC failure"),
-              std::string::npos);
-    krfs(login + "put " + tmp.file("notes") + " 0001", 0);
-    EXPECT_EQ(krfs("--vendor F001 cat 0001", 0), content);
-    const std::string tree = krfs("ls -l -R", 0);
+    for (std::size_t i = 0; i < 5; ++i) krfsTool(calls[i]);
+    const std::string tree = krfsTool({"ls -l -R", 0, "500"});
     for (const char* name : {"8000", "AAAA", "E001", "0001"})
         EXPECT_NE(tree.find(name), std::string::npos) << name << " in\n" << tree;
-    EXPECT_NE(tree.find("500"), std::string::npos) << tree;
-    EXPECT_NE(krfs("--vendor F001 rm 0001", 1).find("0x86E06900"), std::string::npos);
-    krfs(login + "rm 0001", 0);
-    EXPECT_NE(krfs("--vendor F001 cat 0001", 1).find("0x86E06A82"), std::string::npos);
+    for (std::size_t i = 5; i < std::size(calls); ++i) krfsTool(calls[i]);
 }
 
 }  // namespace
