@@ -1,5 +1,7 @@
 #include "persist/java_dialects.h"
 
+#include "datastore/datastore_card.h"
+
 #include <stdexcept>
 
 namespace vtoken {
@@ -15,12 +17,16 @@ struct AppletKind {
 
 // One row per dialect and per applet kind.
 const std::vector<JavaDialect>& dialects() {
-    static const std::vector<JavaDialect> table = {};
+    static const std::vector<JavaDialect> table = {
+        {"datastore", &datastore::install},
+    };
     return table;
 }
 
 const std::vector<AppletKind>& kinds() {
-    static const std::vector<AppletKind> table = {};
+    static const std::vector<AppletKind> table = {
+        {"datastore", &datastore::load},
+    };
     return table;
 }
 
