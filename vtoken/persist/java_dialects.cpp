@@ -1,6 +1,7 @@
 #include "persist/java_dialects.h"
 
 #include "gost/gost_applet.h"
+#include "datastore/datastore_card.h"
 
 #include <stdexcept>
 
@@ -19,6 +20,7 @@ struct AppletKind {
 const std::vector<JavaDialect>& dialects() {
     static const std::vector<JavaDialect> table = {
         {"gost", &gost::install},
+        {"datastore", &datastore::install},
     };
     return table;
 }
@@ -26,6 +28,7 @@ const std::vector<JavaDialect>& dialects() {
 const std::vector<AppletKind>& kinds() {
     static const std::vector<AppletKind> table = {
         {"gost", &gost::load},
+        {"datastore", &datastore::load},
     };
     return table;
 }
