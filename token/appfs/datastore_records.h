@@ -87,7 +87,6 @@ public:
 
     virtual void init() = 0;
 
-    bool isInitialized() const { return initialized; }
     const std::vector<Entry>& entries() const { return files; }
     const Entry& selected() const { return current; }
 

@@ -2,8 +2,10 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "token/applet_datastore.h"
 #include "unit/scripted_sender.h"
@@ -14,66 +16,48 @@ inline const std::string kOk = "90 00";
 inline const std::string kSelectAid = "00 A4 04 00 08 A0 00 00 04 48 00 03 01 00";
 inline const std::string kStatus = "80 30 30 00 1E";
 
-template <class... A>
-std::string fmt(const char* format, A... a) {
-    char s[200];
-    std::snprintf(s, sizeof s, format, a...);
-    return s;
+// One byte, and a 16-bit number, as they go on the wire.
+inline std::string b(unsigned v) {
+    char s[4];
+    return std::snprintf(s, sizeof s, "%02X ", v & 0xFF), s;
 }
-
-inline std::string bytes(std::size_t n, const std::string& b) {
-    std::string out;
-    while (n--) out += b + " ";
-    return out;
-}
+inline std::string w(unsigned v) { return b(v >> 8) + b(v); }
 
 // One record of a list answer: number, label, flags, size.
 inline std::string rec(unsigned id, unsigned label, unsigned flags, unsigned size) {
-    return fmt("%02X %02X %02X %02X %02X %02X %02X ", id >> 8, id & 0xFF, label >> 8, label & 0xFF,
-               flags, size >> 8, size & 0xFF);
+    return w(id) + w(label) + b(flags) + w(size);
 }
-inline std::string listFrom(unsigned next) {
-    return fmt("80 20 60 00 02 %02X %02X 00", next >> 8, next & 0xFF);
-}
-inline std::string begin(unsigned size) {
-    return fmt("80 20 10 00 02 %02X %02X 00", size >> 8, size & 0xFF);
-}
+inline std::string listFrom(unsigned next) { return "80 20 60 00 02 " + w(next) + "00"; }
+inline std::string begin(unsigned size) { return "80 20 10 00 02 " + w(size) + "00"; }
 inline std::string finishNew(unsigned flag, unsigned label) {
-    return fmt("80 20 50 00 04 01 %02X %02X %02X 00", flag, label >> 8, label & 0xFF);
+    return "80 20 50 00 04 01 " + b(flag) + w(label) + "00";
 }
-inline std::string finishOver(unsigned r) {
-    return fmt("80 20 50 00 03 00 %02X %02X 00", r >> 8, r & 0xFF);
-}
-inline std::string numbered(unsigned r) { return fmt("%02X %02X 90 00", r >> 8, r & 0xFF); }
+inline std::string finishOver(unsigned r) { return "80 20 50 00 03 00 " + w(r) + "00"; }
+inline std::string numbered(unsigned r) { return w(r) + "90 00"; }
 inline std::string readRec(unsigned r, unsigned at, unsigned n) {
-    return fmt("80 20 30 00 06 %02X %02X %02X %02X %02X %02X 00", r >> 8, r & 0xFF, at >> 8,
-               at & 0xFF, n >> 8, n & 0xFF);
+    return "80 20 30 00 06 " + w(r) + w(at) + w(n) + "00";
 }
-inline std::string deleteRec(unsigned r) {
-    return fmt("80 20 20 00 02 %02X %02X 00", r >> 8, r & 0xFF);
-}
+inline std::string deleteRec(unsigned r) { return "80 20 20 00 02 " + w(r) + "00"; }
 // The write to the update buffer of `data` at `at`.
 inline std::string writeBuf(unsigned at, const TBytes& data) {
     const unsigned n = static_cast<unsigned>(data.size());
-    return fmt("80 20 40 00 %02X %02X %02X %02X %02X ", n + 4, at >> 8, at & 0xFF, n >> 8,
-               n & 0xFF) +
-           toHex(data) + "00";
+    return "80 20 40 00 " + b(n + 4) + w(at) + w(n) + toHex(data) + "00";
 }
 
 // The status record: version 01 02 03, free memory `free`, PIN columns
 // (logged in, wrong, total, min, max): 1 (0,1,10,4,8), 2 (FF,0,10,6,16),
 // 3 (0,5,5,8,32); identifier 11..88.
 inline std::string status(unsigned free = 0x1000) {
-    return fmt("01 02 03 00 00 %02X %02X 00 FF 00 01 00 05 0A 0A 05 04 06 08 08 10 20 ", free >> 8,
-               free & 0xFF) +
+    return "01 02 03 00 00 " + w(free) + "00 FF 00 01 00 05 0A 0A 05 04 06 08 08 10 20 " +
            "11 22 33 44 55 66 77 88 90 00";
 }
 
-// Slot `slot` of a table image: parent and name, little-endian.
-inline void setSlot(TBytes& table, unsigned slot, unsigned parent, unsigned name) {
-    const TBytes s{static_cast<unsigned char>(parent), static_cast<unsigned char>(parent >> 8),
-                   static_cast<unsigned char>(name), static_cast<unsigned char>(name >> 8)};
-    std::copy(s.begin(), s.end(), table.begin() + 4 * slot);
+// A table image with the slots {slot, parent, name}, little-endian.
+inline TBytes tableOf(std::initializer_list<std::array<unsigned, 3>> slots) {
+    TBytes t(2048);
+    for (const auto& s : slots)
+        for (unsigned i = 0; i < 4; ++i) t[4 * s[0] + i] = (i < 2 ? s[1] : s[2]) >> (i % 2 * 8);
+    return t;
 }
 
 // A fresh applet, its AID selection already played.
@@ -82,8 +66,8 @@ struct Card {
     CAppletDataStore applet{&sender.expect(kSelectAid, kOk)};
 
     // Plays the exchanges of `steps`: command, answer, command, answer...
-    void play(std::initializer_list<std::string> steps) {
-        for (auto s = steps.begin(); s != steps.end(); s += 2) sender.expect(*s, *(s + 1));
+    void play(const std::vector<std::string>& steps) {
+        for (std::size_t i = 0; i + 1 < steps.size(); i += 2) sender.expect(steps[i], steps[i + 1]);
     }
     // Whole content of `data` in 240-byte blocks through the update buffer.
     void blocks(const TBytes& data) {

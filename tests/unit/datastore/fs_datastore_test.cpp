@@ -1,12 +1,8 @@
-// Both DataStore layouts against a scripted card: the record commands byte for
-// byte, the tree built from labels or from the table file, and whole-content
-// updates with the delete-and-recreate path.
+// Both DataStore layouts against a scripted card: record commands byte for byte,
+// the tree from labels or the table file, whole-content updates.
 #include "token/appfs/fs_datastore.h"
 
 #include <gtest/gtest.h>
-
-#include <functional>
-#include <vector>
 
 #include "token/appfs/fs_datastore_v2.h"
 #include "unit/datastore/datastore_card.h"
@@ -14,6 +10,9 @@
 namespace {
 
 using namespace krfs_test;
+
+CFileInfo file(WORD size, unsigned char read) { return CFileInfo(1, size, read, 1); }
+CFileInfo dir(WORD size = 0, unsigned char read = 0) { return CFileInfo(2, size, read, 1); }
 
 std::vector<int> fields(IAppFS* fs) {
     const CFileInfo i = fs->info();
@@ -32,12 +31,11 @@ void playLabelCard(Card& c) {
             listFrom(0x19), rec(0x30, 0x12F0, 0, 5) + kOk, listFrom(0x31), kOk});
 }
 
-TEST(DataStoreV1, TreeComesFromParentAndCodeInEachLabel) {
+TEST(DataStoreV1, TreeComesFromParentAndCodeInEachLabelAndShrinksByRemove) {
     Card c;
     playLabelCard(c);
     IAppFS* fs = c.applet.fs();
     fs->select({});
-    EXPECT_EQ(fields(fs), (std::vector<int>{2, 0, 0, 1}));
     EXPECT_EQ(fs->list(2), (TPath{0xCC01, 0xCC02}));
     EXPECT_EQ(fs->list(1), TPath{0x0001});
     fs->select({0xCC01});
@@ -47,6 +45,16 @@ TEST(DataStoreV1, TreeComesFromParentAndCodeInEachLabel) {
     // A parent listed after its child leaves the child out of the tree.
     for (const TPath& p : {TPath{0xCC00}, TPath{0xCC02, 0xCC00}})
         EXPECT_EQ(failureCode([&] { fs->select(p); }), code(0x6A82));
+    // Remove refuses the root and a directory that is not empty.
+    for (const TPath& p : {TPath{}, TPath{0xCC01}}) {
+        fs->select(p);
+        EXPECT_EQ(failureCode([&] { fs->remove(); }), code(0x6900));
+    }
+    fs->select({0xCC02});
+    c.sender.expect(deleteRec(0x18), kOk);
+    fs->remove();
+    fs->select({});
+    EXPECT_EQ(fs->list(2), TPath{0xCC01});
 }
 
 TEST(DataStoreV1, CreateMakesLabelsFromTheCodeTable) {
@@ -61,27 +69,24 @@ TEST(DataStoreV1, CreateMakesLabelsFromTheCodeTable) {
         long code;
     } rows[] = {
         {0xCC00,
-         CFileInfo(1, 0x10, 0, 1),
-         {kStatus, status(), begin(0x10), "", finishNew(0, 0x12C0), numbered(0x40)},
+         file(0x10, 0),
+         {kStatus, status(), begin(0x10), kOk, finishNew(0, 0x12C0), numbered(0x40)},
          0},
-        // Outside the code table: refused after the probe, before any command.
-        {0x0002, CFileInfo(2, 0x10, 1, 1), {}, code(0x6B00)},
         // A directory's size is forced to 0.
-        {0xCC03, CFileInfo(2, 0x10, 1, 1), {begin(0), "", finishNew(1, 0x12C3), numbered(0x41)}, 0},
-        {0xCC04, CFileInfo(1, 0x4001, 0, 1), {}, code(0x6400)},
-        {0xCC04, CFileInfo(1, 0x1001, 0, 1), {kStatus, status(0x1000)}, code(0x6400)},
-        {0x3F00, CFileInfo(2, 0, 0, 1), {}, code(0x6900)},
-        {0xF000, CFileInfo(2, 0, 0, 1), {}, code(0x6A89)},
+        {0xCC03, dir(0x10, 1), {begin(0), kOk, finishNew(1, 0x12C3), numbered(0x41)}, 0},
+        {0xCC04, file(0x4001, 0), {}, code(0x6400)},
+        {0xCC04, file(0x1001, 0), {kStatus, status(0x1000)}, code(0x6400)},
+        {0x3F00, dir(), {}, code(0x6900)},
+        {0xF000, dir(), {}, code(0x6A89)},
     };
     for (const auto& r : rows) {
-        for (std::size_t i = 0; i < r.exchanges.size(); i += 2)
-            c.sender.expect(r.exchanges[i], r.exchanges[i + 1].empty() ? kOk : r.exchanges[i + 1]);
+        c.play(r.exchanges);
         EXPECT_EQ(failureCode([&] { fs->create(r.id, r.info); }), r.code) << std::hex << r.id;
     }
     fs->select({0xCC01, 0xCC03});
     EXPECT_EQ(fields(fs), (std::vector<int>{2, 0, 1, 1}));
     fs->select({0xCC01, 0x0001});
-    EXPECT_EQ(failureCode([&] { fs->create(0xCC05, CFileInfo(2, 0, 0, 1)); }), code(0x6283));
+    EXPECT_EQ(failureCode([&] { fs->create(0xCC05, dir()); }), code(0x6283));
 }
 
 TEST(DataStoreV1, EmptyCardMakesTheRootRecordAtTheFirstCreate) {
@@ -92,14 +97,14 @@ TEST(DataStoreV1, EmptyCardMakesTheRootRecordAtTheFirstCreate) {
     EXPECT_TRUE(fs->list(1).empty() && fs->list(2).empty());
     c.play({begin(0), kOk, finishNew(0, 0x3F3F), numbered(0x0007), begin(0), kOk,
             finishNew(0, 0x07A9), numbered(0x0008)});
-    fs->create(0x0001, CFileInfo(2, 0, 0, 1));
-    EXPECT_EQ(failureCode([&] { fs->create(0x1000, CFileInfo(2, 0, 0, 1)); }), code(0x6B00));
+    fs->create(0x0001, dir());
+    EXPECT_EQ(failureCode([&] { fs->create(0x1000, dir()); }), code(0x6B00));
     fs->select({0x0001});
     EXPECT_EQ(static_cast<CFSDataStore*>(fs)->selected().label, 0x07A9);
     c.play({begin(0), kOk, finishNew(0, 0x08C0), numbered(0x0100)});
-    fs->create(0xCC00, CFileInfo(2, 0, 0, 1));
+    fs->create(0xCC00, dir());
     fs->select({0x0001, 0xCC00});
-    EXPECT_EQ(failureCode([&] { fs->create(0xCC01, CFileInfo(2, 0, 0, 1)); }), code(0x6400));
+    EXPECT_EQ(failureCode([&] { fs->create(0xCC01, dir()); }), code(0x6400));
 }
 
 TEST(DataStoreV1, BrokenListAnswersAreRefused) {
@@ -111,14 +116,12 @@ TEST(DataStoreV1, BrokenListAnswersAreRefused) {
         {{listFrom(0), rec(0x10, 0x3F3F, 0, 0) + kOk, listFrom(0x11),
           rec(0x05, 0x10C0, 0, 0) + kOk},
          code(0x6281)},
-        {{listFrom(0), "6A 82"}, code(0x6A82)},
         // The last number ends the list without another round.
         {{listFrom(0), rec(0xFFFF, 0x3F3F, 0, 0) + kOk}, 0},
     };
     for (const auto& r : rows) {
         Card c;
-        for (std::size_t i = 0; i < r.exchanges.size(); i += 2)
-            c.sender.expect(r.exchanges[i], r.exchanges[i + 1]);
+        c.play(r.exchanges);
         EXPECT_EQ(failureCode([&] { c.applet.fs()->select({}); }), r.code) << r.exchanges[0];
     }
 }
@@ -132,22 +135,17 @@ struct Write : ::testing::TestWithParam<int> {
                     rec(0x02, 0x3333, 0, 0x800) + rec(0x03, 0x4444, 0, 0) +
                         rec(0x13, 0x4444, 1, 300) + kOk,
                     listFrom(0x14), kOk});
-            TBytes table(2048);
-            setSlot(table, 3, 0x3F00, 0x3F00);
-            setSlot(table, 0x13, 3, 0x0001);
-            playTableRead(c, 2, table);
-            label = 0x4444;
+            playTableRead(c, 2, tableOf({{3, 0x3F00, 0x3F00}, {0x13, 3, 0x0001}}));
         } else {
             c.play({listFrom(0), rec(0x03, 0x3F3F, 0, 0) + rec(0x13, 0x03A9, 1, 300) + kOk,
                     listFrom(0x14), kOk});
-            label = 0x03A9;
         }
         fs = c.applet.fs();
         fs->select({0x0001});
     }
     Card c;
     IAppFS* fs;
-    unsigned label;
+    unsigned label = GetParam() == 2 ? 0x4444 : 0x03A9;
 };
 
 TEST_P(Write, WholeContentOnlyReadingFirstForAPart) {
@@ -159,8 +157,8 @@ TEST_P(Write, WholeContentOnlyReadingFirstForAPart) {
 
     TBytes expected(300, 0x11);
     expected[299] = 0x77;
-    c.play({readRec(0x13, 0, 240), bytes(240, "11") + kOk, readRec(0x13, 240, 60),
-            bytes(60, "11") + kOk, begin(300), kOk});
+    c.play({readRec(0x13, 0, 240), toHex(TBytes(240, 0x11)) + kOk, readRec(0x13, 240, 60),
+            toHex(TBytes(60, 0x11)) + kOk, begin(300), kOk});
     c.blocks(expected);
     c.sender.expect(finishOver(0x13), kOk);
     fs->write({0x77}, 299);
@@ -187,14 +185,10 @@ TEST_P(Write, BusyRecordIsDeletedAndMadeAnewKnownOnlyToCurrent) {
 
 TEST_P(Write, HiddenContentMeansNoLoginAndShortAnswersFail) {
     TBytes ten(10);
-    const struct {
-        std::string answer;
-        long code;
-    } rows[] = {{"6A 82", code(0x6900)}, {bytes(9, "00") + kOk, code(0x6282)}};
-    for (const auto& r : rows) {
-        c.sender.expect(readRec(0x13, 0, 10), r.answer);
-        EXPECT_EQ(failureCode([&] { fs->read(ten, 0); }), r.code) << r.answer;
-    }
+    c.sender.expect(readRec(0x13, 0, 10), "6A 82");
+    EXPECT_EQ(failureCode([&] { fs->read(ten, 0); }), code(0x6900));
+    c.sender.expect(readRec(0x13, 0, 10), toHex(TBytes(9, 0x00)) + kOk);
+    EXPECT_EQ(failureCode([&] { fs->read(ten, 0); }), code(0x6282));
     // Past the end, on a directory: nothing is sent.
     EXPECT_EQ(failureCode([&] { fs->read(ten, 291); }), code(0x6282));
     fs->select({});
@@ -204,21 +198,6 @@ TEST_P(Write, HiddenContentMeansNoLoginAndShortAnswersFail) {
 }
 
 INSTANTIATE_TEST_SUITE_P(DataStore, Write, ::testing::Values(1, 2));
-
-TEST(DataStoreV1, RemoveRefusesRootAndFullDirectories) {
-    Card c;
-    playLabelCard(c);
-    IAppFS* fs = c.applet.fs();
-    for (const TPath& p : {TPath{}, TPath{0xCC01}}) {
-        fs->select(p);
-        EXPECT_EQ(failureCode([&] { fs->remove(); }), code(0x6900));
-    }
-    fs->select({0xCC02});
-    c.sender.expect(deleteRec(0x18), kOk);
-    fs->remove();
-    fs->select({});
-    EXPECT_EQ(fs->list(2), TPath{0xCC01});
-}
 
 // Table slots: 3 root, 4 dir 1000, 5 file 2000 in it, 6 a record that is gone
 // with its child 7, 8 a child of the file, 9 and 0A parents of each other.
@@ -231,16 +210,14 @@ TEST(DataStoreV2, TreeComesFromTheTableDroppingLostSlotsAndOrphans) {
                 rec(5, 0x4444, 1, 0x10) + rec(7, 0x4444, 0, 0) + rec(8, 0x4444, 0, 1) +
                 rec(9, 0x4444, 0, 0) + rec(0x0A, 0x4444, 0, 0) + rec(0x0B, 0x4444, 0, 0) + kOk,
             listFrom(0x0C), kOk});
-    TBytes table(2048);
-    for (const auto& s : std::vector<std::vector<unsigned>>{{3, 0x3F00, 0x3F00},
-                                                            {4, 3, 0x1000},
-                                                            {5, 4, 0x2000},
-                                                            {6, 3, 0x6000},
-                                                            {7, 6, 0x7000},
-                                                            {8, 5, 0x8000},
-                                                            {9, 0x0A, 0x0900},
-                                                            {0x0A, 9, 0x0A00}})
-        setSlot(table, s[0], s[1], s[2]);
+    const TBytes table = tableOf({{3, 0x3F00, 0x3F00},
+                                  {4, 3, 0x1000},
+                                  {5, 4, 0x2000},
+                                  {6, 3, 0x6000},
+                                  {7, 6, 0x7000},
+                                  {8, 5, 0x8000},
+                                  {9, 10, 0x0900},
+                                  {10, 9, 0x0A00}});
     playTableRead(c, 2, table);
     auto* fs = static_cast<CFSDataStore_v2*>(c.applet.fs());
     fs->select({});
@@ -264,7 +241,7 @@ TEST(DataStoreV2, BrokenTablesAreRefused) {
     } rows[] = {
         {{listFrom(0), rec(2, 0x3333, 0, 0x7FF) + kOk, listFrom(3), kOk}, code(0x6281)},
         {{listFrom(0), rec(2, 0x3333, 0, 0x800) + kOk, listFrom(3), kOk, readRec(2, 0, 240),
-          bytes(239, "00") + kOk},
+          toHex(TBytes(239, 0x00)) + kOk},
          code(0x6281)},
         // Nodes with no table: only the root shows.
         {{listFrom(0), rec(2, 0x4444, 0, 0) + rec(3, 0x4444, 0, 5) + kOk, listFrom(4), kOk}, 0},
@@ -272,8 +249,7 @@ TEST(DataStoreV2, BrokenTablesAreRefused) {
     for (const auto& r : rows) {
         Card c;
         c.applet.switchToFileSystem(2);
-        for (std::size_t i = 0; i < r.exchanges.size(); i += 2)
-            c.sender.expect(r.exchanges[i], r.exchanges[i + 1]);
+        c.play(r.exchanges);
         IAppFS* fs = c.applet.fs();
         EXPECT_EQ(failureCode([&] { fs->select({}); }), r.code);
         if (r.code == 0) {
@@ -291,21 +267,19 @@ TEST(DataStoreV2, EachChangeWritesTheWholeTableRecordFirst) {
     EXPECT_EQ(fs->tableNumber(), 0xFFFF);
 
     // The first create makes the root, then the table record, then the child.
-    TBytes rootOnly(2048);
-    setSlot(rootOnly, 1, 0x3F00, 0x3F00);
-    TBytes withChild = rootOnly;
-    setSlot(withChild, 3, 1, 0x1000);
+    const TBytes rootOnly = tableOf({{1, 0x3F00, 0x3F00}});
+    const TBytes withChild = tableOf({{1, 0x3F00, 0x3F00}, {3, 1, 0x1000}});
     c.play({begin(0), kOk, finishNew(0, 0x4444), numbered(1)});
     playTableWrite(c, rootOnly, finishNew(0, 0x3333), numbered(2));
     c.play({begin(0), kOk, finishNew(0, 0x4444), numbered(3)});
     playTableWrite(c, withChild, finishOver(2), kOk);
-    fs->create(0x1000, CFileInfo(2, 0, 0, 1));
+    fs->create(0x1000, dir());
     EXPECT_EQ(fs->tableImage(), withChild);
     EXPECT_EQ(fs->list(2), TPath{0x1000});
 
     // A number past the last slot: no table write.
     c.play({begin(0), kOk, finishNew(0, 0x4444), numbered(0x200)});
-    EXPECT_EQ(failureCode([&] { fs->create(0x2000, CFileInfo(2, 0, 0, 1)); }), code(0x6400));
+    EXPECT_EQ(failureCode([&] { fs->create(0x2000, dir()); }), code(0x6400));
     EXPECT_EQ(fs->tableImage(), withChild);
 
     fs->select({0x1000});
