@@ -75,11 +75,14 @@ inline void walk(IToken& token, TPath path, int depth, int& budget) {
 }
 
 // Binds to `applet` on a card with `atr` answering from the input, then the
-// identifier, the label, a login, the tree and a PIN change.
-inline void run(const TBytes& atr, unsigned short applet, const uint8_t* data, size_t size) {
+// identifier, the label, a login, the tree and a PIN change. A `fileSystem`
+// other than 0 is switched to after binding, as the session does.
+inline void run(const TBytes& atr, unsigned short applet, const uint8_t* data, size_t size,
+                unsigned short fileSystem = 0) {
     std::unique_ptr<ISender> card(new InputCard(atr, data, size));
     std::unique_ptr<IToken> token = IToken::create(card);
     step([&] { token->selectApplet(applet); });
+    if (fileSystem != 0) step([&] { token->switchToFileSystem(fileSystem); });
     const TBytes pin{'1', '2', '3', '4', '5', '6'};
     step([&] { token->info()->id(1); });
     step([&] { token->label()->read(); });

@@ -1,0 +1,293 @@
+// Both DataStore layouts against a scripted card: record commands byte for byte,
+// the tree from labels or the table file, whole-content updates.
+#include "token/appfs/fs_datastore.h"
+
+#include <gtest/gtest.h>
+
+#include "token/appfs/fs_datastore_v2.h"
+#include "unit/datastore/datastore_card.h"
+
+namespace {
+
+using namespace krfs_test;
+
+CFileInfo file(WORD size, unsigned char read) { return CFileInfo(1, size, read, 1); }
+CFileInfo dir(WORD size = 0, unsigned char read = 0) { return CFileInfo(2, size, read, 1); }
+
+std::vector<int> fields(IAppFS* fs) {
+    const CFileInfo i = fs->info();
+    return {i.type, i.size, i.read, i.write};
+}
+
+// Labels: root 0x3F3F (record 05); CC01 (12) and CC02 (18) under it; 0001
+// under 12 (0xA9, private) and at the root (alias 0xAF); F000 under 12 in a
+// second round; CC00 under 18, listed before its parent; codes 00 and 33 are
+// no identifiers.
+void playLabelCard(Card& c) {
+    c.play({listFrom(0),
+            rec(0x05, 0x3F3F, 0, 0) + rec(0x12, 0x05C1, 0, 0) + rec(0x13, 0x12A9, 1, 0x20) +
+                rec(0x14, 0x1200, 0, 4) + rec(0x15, 0x3333, 0, 0x800) + rec(0x16, 0x05AF, 0, 0x10) +
+                rec(0x17, 0x18C0, 0, 0) + rec(0x18, 0x05C2, 0, 0) + kOk,
+            listFrom(0x19), rec(0x30, 0x12F0, 0, 5) + kOk, listFrom(0x31), kOk});
+}
+
+TEST(DataStoreV1, TreeComesFromParentAndCodeInEachLabelAndShrinksByRemove) {
+    Card c;
+    playLabelCard(c);
+    IAppFS* fs = c.applet.fs();
+    fs->select({});
+    EXPECT_EQ(fs->list(2), (TPath{0xCC01, 0xCC02}));
+    EXPECT_EQ(fs->list(1), TPath{0x0001});
+    fs->select({0xCC01});
+    EXPECT_EQ(fs->list(1), (TPath{0x0001, 0xF000}));
+    fs->select({0x3F00, 0xCC01, 0x0001});
+    EXPECT_EQ(fields(fs), (std::vector<int>{1, 0x20, 1, 1}));
+    // A parent listed after its child leaves the child out of the tree.
+    for (const TPath& p : {TPath{0xCC00}, TPath{0xCC02, 0xCC00}})
+        EXPECT_EQ(failureCode([&] { fs->select(p); }), code(0x6A82));
+    // Remove refuses the root and a directory that is not empty.
+    for (const TPath& p : {TPath{}, TPath{0xCC01}}) {
+        fs->select(p);
+        EXPECT_EQ(failureCode([&] { fs->remove(); }), code(0x6900));
+    }
+    fs->select({0xCC02});
+    c.sender.expect(deleteRec(0x18), kOk);
+    fs->remove();
+    fs->select({});
+    EXPECT_EQ(fs->list(2), TPath{0xCC01});
+}
+
+TEST(DataStoreV1, CreateMakesLabelsFromTheCodeTable) {
+    Card c;
+    playLabelCard(c);
+    IAppFS* fs = c.applet.fs();
+    fs->select({0xCC01});
+    const struct {
+        WORD id;
+        CFileInfo info;
+        std::vector<std::string> exchanges;
+        long code;
+    } rows[] = {
+        {0xCC00,
+         file(0x10, 0),
+         {kStatus, status(), begin(0x10), kOk, finishNew(0, 0x12C0), numbered(0x40)},
+         0},
+        // A directory's size is forced to 0.
+        {0xCC03, dir(0x10, 1), {begin(0), kOk, finishNew(1, 0x12C3), numbered(0x41)}, 0},
+        {0xCC04, file(0x4001, 0), {}, code(0x6400)},
+        {0xCC04, file(0x1001, 0), {kStatus, status(0x1000)}, code(0x6400)},
+        {0x3F00, dir(), {}, code(0x6900)},
+        {0xF000, dir(), {}, code(0x6A89)},
+    };
+    for (const auto& r : rows) {
+        c.play(r.exchanges);
+        EXPECT_EQ(failureCode([&] { fs->create(r.id, r.info); }), r.code) << std::hex << r.id;
+    }
+    fs->select({0xCC01, 0xCC03});
+    EXPECT_EQ(fields(fs), (std::vector<int>{2, 0, 1, 1}));
+    fs->select({0xCC01, 0x0001});
+    EXPECT_EQ(failureCode([&] { fs->create(0xCC05, dir()); }), code(0x6283));
+}
+
+TEST(DataStoreV1, EmptyCardMakesTheRootRecordAtTheFirstCreate) {
+    Card c;
+    c.play({listFrom(0), kOk});
+    IAppFS* fs = c.applet.fs();
+    fs->select({0x3F00});
+    EXPECT_TRUE(fs->list(1).empty() && fs->list(2).empty());
+    c.play({begin(0), kOk, finishNew(0, 0x3F3F), numbered(0x0007), begin(0), kOk,
+            finishNew(0, 0x07A9), numbered(0x0008)});
+    fs->create(0x0001, dir());
+    EXPECT_EQ(failureCode([&] { fs->create(0x1000, dir()); }), code(0x6B00));
+    fs->select({0x0001});
+    EXPECT_EQ(static_cast<CFSDataStore*>(fs)->selected().label, 0x07A9);
+    c.play({begin(0), kOk, finishNew(0, 0x08C0), numbered(0x0100)});
+    fs->create(0xCC00, dir());
+    fs->select({0x0001, 0xCC00});
+    EXPECT_EQ(failureCode([&] { fs->create(0xCC01, dir()); }), code(0x6400));
+}
+
+TEST(DataStoreV1, BrokenListAnswersAreRefused) {
+    const struct {
+        std::vector<std::string> exchanges;
+        long code;
+    } rows[] = {
+        {{listFrom(0), "00 01 3F 3F 00 00 " + kOk}, code(0x6281)},
+        {{listFrom(0), rec(0x10, 0x3F3F, 0, 0) + kOk, listFrom(0x11),
+          rec(0x05, 0x10C0, 0, 0) + kOk},
+         code(0x6281)},
+        // The last number ends the list without another round.
+        {{listFrom(0), rec(0xFFFF, 0x3F3F, 0, 0) + kOk}, 0},
+    };
+    for (const auto& r : rows) {
+        Card c;
+        c.play(r.exchanges);
+        EXPECT_EQ(failureCode([&] { c.applet.fs()->select({}); }), r.code) << r.exchanges[0];
+    }
+}
+
+// A file of 300 bytes, record 0x13: two blocks, 240 and 60 bytes.
+struct Write : ::testing::TestWithParam<int> {
+    Write() {
+        if (GetParam() == 2) {
+            c.applet.switchToFileSystem(2);
+            c.play({listFrom(0),
+                    rec(0x02, 0x3333, 0, 0x800) + rec(0x03, 0x4444, 0, 0) +
+                        rec(0x13, 0x4444, 1, 300) + kOk,
+                    listFrom(0x14), kOk});
+            playTableRead(c, 2, tableOf({{3, 0x3F00, 0x3F00}, {0x13, 3, 0x0001}}));
+        } else {
+            c.play({listFrom(0), rec(0x03, 0x3F3F, 0, 0) + rec(0x13, 0x03A9, 1, 300) + kOk,
+                    listFrom(0x14), kOk});
+        }
+        fs = c.applet.fs();
+        fs->select({0x0001});
+    }
+    Card c;
+    IAppFS* fs;
+    unsigned label = GetParam() == 2 ? 0x4444 : 0x03A9;
+};
+
+TEST_P(Write, WholeContentOnlyReadingFirstForAPart) {
+    const TBytes whole(300, 0x5A);
+    c.sender.expect(begin(300), kOk);
+    c.blocks(whole);
+    c.sender.expect(finishOver(0x13), kOk);
+    fs->write(whole, 0);
+
+    TBytes expected(300, 0x11);
+    expected[299] = 0x77;
+    c.play({readRec(0x13, 0, 240), toHex(TBytes(240, 0x11)) + kOk, readRec(0x13, 240, 60),
+            toHex(TBytes(60, 0x11)) + kOk, begin(300), kOk});
+    c.blocks(expected);
+    c.sender.expect(finishOver(0x13), kOk);
+    fs->write({0x77}, 299);
+    EXPECT_EQ(failureCode([&] { fs->write({1, 2}, 299); }), code(0x6A84));
+}
+
+TEST_P(Write, BusyRecordIsDeletedAndMadeAnewKnownOnlyToCurrent) {
+    const TBytes whole(300, 0x5A);
+    c.play({begin(300), "6F 00", deleteRec(0x13), kOk, begin(300), kOk});
+    c.blocks(whole);
+    c.sender.expect(finishNew(1, label), numbered(0x0050));
+    fs->write(whole, 0);
+    EXPECT_EQ(fields(fs), (std::vector<int>{1, 300, 1, 1}));
+    auto* tree = dynamic_cast<CFSDataStoreTree<CDataStoreEntry>*>(fs);
+    auto* tree2 = dynamic_cast<CFSDataStoreTree<CDataStoreEntryV2>*>(fs);
+    EXPECT_EQ(tree ? tree->selected().record : tree2->selected().record, 0x0050);
+    EXPECT_EQ(tree ? tree->entries().back().record : tree2->entries().back().record, 0x13);
+    if (tree2) {
+        const TBytes& table = static_cast<CFSDataStore_v2*>(fs)->tableImage();
+        EXPECT_EQ(hex("03 00 01 00 00 00 00 00"), TBytes(&table[0x13 * 4], &table[0x13 * 4 + 8]));
+        EXPECT_EQ(TBytes(4), TBytes(&table[0x50 * 4], &table[0x50 * 4 + 4]));
+    }
+}
+
+TEST_P(Write, HiddenContentMeansNoLoginAndShortAnswersFail) {
+    TBytes ten(10);
+    c.sender.expect(readRec(0x13, 0, 10), "6A 82");
+    EXPECT_EQ(failureCode([&] { fs->read(ten, 0); }), code(0x6900));
+    c.sender.expect(readRec(0x13, 0, 10), toHex(TBytes(9, 0x00)) + kOk);
+    EXPECT_EQ(failureCode([&] { fs->read(ten, 0); }), code(0x6282));
+    // Past the end, on a directory: nothing is sent.
+    EXPECT_EQ(failureCode([&] { fs->read(ten, 291); }), code(0x6282));
+    fs->select({});
+    EXPECT_EQ(failureCode([&] { fs->read(ten, 0); }), code(0x6283));
+    EXPECT_EQ(failureCode([&] { fs->write({}, 0); }), code(0x6283));
+    EXPECT_EQ(failureCode([&] { fs->list(3); }), code(0xFACE));
+}
+
+INSTANTIATE_TEST_SUITE_P(DataStore, Write, ::testing::Values(1, 2));
+
+// Table slots: 3 root, 4 dir 1000, 5 file 2000 in it, 6 a record that is gone
+// with its child 7, 8 a child of the file, 9 and 0A parents of each other.
+// Record 0B has the node label and no slot.
+TEST(DataStoreV2, TreeComesFromTheTableDroppingLostSlotsAndOrphans) {
+    Card c;
+    c.applet.switchToFileSystem(2);
+    c.play({listFrom(0),
+            rec(2, 0x3333, 0, 0x800) + rec(3, 0x4444, 0, 0) + rec(4, 0x4444, 0, 0) +
+                rec(5, 0x4444, 1, 0x10) + rec(7, 0x4444, 0, 0) + rec(8, 0x4444, 0, 1) +
+                rec(9, 0x4444, 0, 0) + rec(0x0A, 0x4444, 0, 0) + rec(0x0B, 0x4444, 0, 0) + kOk,
+            listFrom(0x0C), kOk});
+    const TBytes table = tableOf({{3, 0x3F00, 0x3F00},
+                                  {4, 3, 0x1000},
+                                  {5, 4, 0x2000},
+                                  {6, 3, 0x6000},
+                                  {7, 6, 0x7000},
+                                  {8, 5, 0x8000},
+                                  {9, 10, 0x0900},
+                                  {10, 9, 0x0A00}});
+    playTableRead(c, 2, table);
+    auto* fs = static_cast<CFSDataStore_v2*>(c.applet.fs());
+    fs->select({});
+    EXPECT_EQ(fs->list(2), TPath{0x1000});
+    EXPECT_TRUE(fs->list(1).empty());
+    // The root's parent is its own record in memory, still 3F00 in the table.
+    EXPECT_EQ(fs->selected().parent, 3);
+    EXPECT_EQ(fs->tableImage(), table);
+    fs->select({0x1000});
+    EXPECT_EQ(fs->list(1), TPath{0x2000});
+    fs->select({0x1000, 0x2000});
+    EXPECT_EQ(fields(fs), (std::vector<int>{1, 0x10, 1, 1}));
+    EXPECT_EQ(fs->entries().size(), 3u);
+    EXPECT_EQ(fs->tableNumber(), 2);
+}
+
+TEST(DataStoreV2, BrokenTablesAreRefused) {
+    const struct {
+        std::vector<std::string> exchanges;
+        long code;
+    } rows[] = {
+        {{listFrom(0), rec(2, 0x3333, 0, 0x7FF) + kOk, listFrom(3), kOk}, code(0x6281)},
+        {{listFrom(0), rec(2, 0x3333, 0, 0x800) + kOk, listFrom(3), kOk, readRec(2, 0, 240),
+          toHex(TBytes(239, 0x00)) + kOk},
+         code(0x6281)},
+        // Nodes with no table: only the root shows.
+        {{listFrom(0), rec(2, 0x4444, 0, 0) + rec(3, 0x4444, 0, 5) + kOk, listFrom(4), kOk}, 0},
+    };
+    for (const auto& r : rows) {
+        Card c;
+        c.applet.switchToFileSystem(2);
+        c.play(r.exchanges);
+        IAppFS* fs = c.applet.fs();
+        EXPECT_EQ(failureCode([&] { fs->select({}); }), r.code);
+        if (r.code == 0) {
+            EXPECT_TRUE(fs->list(1).empty() && fs->list(2).empty());
+        }
+    }
+}
+
+TEST(DataStoreV2, EachChangeWritesTheWholeTableRecordFirst) {
+    Card c;
+    c.applet.switchToFileSystem(2);
+    c.play({listFrom(0), kOk});
+    auto* fs = static_cast<CFSDataStore_v2*>(c.applet.fs());
+    fs->select({});
+    EXPECT_EQ(fs->tableNumber(), 0xFFFF);
+
+    // The first create makes the root, then the table record, then the child.
+    const TBytes rootOnly = tableOf({{1, 0x3F00, 0x3F00}});
+    const TBytes withChild = tableOf({{1, 0x3F00, 0x3F00}, {3, 1, 0x1000}});
+    c.play({begin(0), kOk, finishNew(0, 0x4444), numbered(1)});
+    playTableWrite(c, rootOnly, finishNew(0, 0x3333), numbered(2));
+    c.play({begin(0), kOk, finishNew(0, 0x4444), numbered(3)});
+    playTableWrite(c, withChild, finishOver(2), kOk);
+    fs->create(0x1000, dir());
+    EXPECT_EQ(fs->tableImage(), withChild);
+    EXPECT_EQ(fs->list(2), TPath{0x1000});
+
+    // A number past the last slot: no table write.
+    c.play({begin(0), kOk, finishNew(0, 0x4444), numbered(0x200)});
+    EXPECT_EQ(failureCode([&] { fs->create(0x2000, dir()); }), code(0x6400));
+    EXPECT_EQ(fs->tableImage(), withChild);
+
+    fs->select({0x1000});
+    c.sender.expect(deleteRec(3), kOk);
+    playTableWrite(c, rootOnly, finishOver(2), kOk);
+    fs->remove();
+    fs->select({});
+    EXPECT_TRUE(fs->list(2).empty());
+}
+
+}  // namespace
