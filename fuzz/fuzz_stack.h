@@ -63,13 +63,14 @@ inline void walk(IToken& token, TPath path, int depth, int& budget) {
             FUZZ_CHECK(data.size() == (info.size < 1024 ? info.size : 1024));
             return;
         }
-        for (unsigned char kind : {2, 1}) {
-            const TPath children = token.fs()->list(kind);
-            for (WORD id : children) {
-                path.push_back(id);
-                walk(token, path, depth + 1, budget);
-                path.pop_back();
-            }
+        // Both lists before any descent: a visit below selects another node.
+        TPath children = token.fs()->list(2);
+        const TPath files = token.fs()->list(1);
+        children.insert(children.end(), files.begin(), files.end());
+        for (WORD id : children) {
+            path.push_back(id);
+            walk(token, path, depth + 1, budget);
+            path.pop_back();
         }
     });
 }
