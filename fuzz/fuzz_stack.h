@@ -75,12 +75,11 @@ inline void walk(IToken& token, TPath path, int depth, int& budget) {
     });
 }
 
-// Binds to `applet` on a card with `atr` answering from the input, then the
-// identifier, the label, a login, the tree and a PIN change. A `fileSystem`
-// other than 0 is switched to after binding, as the session does.
-inline void run(const TBytes& atr, unsigned short applet, const uint8_t* data, size_t size,
-                unsigned short fileSystem = 0) {
-    std::unique_ptr<ISender> card(new InputCard(atr, data, size));
+// Binds to `applet` on `card`, then the identifier, the label, a login, the
+// tree and a PIN change. A `fileSystem` other than 0 is switched to after
+// binding, as the session does.
+inline void work(std::unique_ptr<ISender> card, unsigned short applet,
+                 unsigned short fileSystem = 0) {
     std::unique_ptr<IToken> token = IToken::create(card);
     step([&] { token->selectApplet(applet); });
     if (fileSystem != 0) step([&] { token->switchToFileSystem(fileSystem); });
@@ -94,6 +93,12 @@ inline void run(const TBytes& atr, unsigned short applet, const uint8_t* data, s
     step([&] { token->label()->write({'f', 'u', 'z', 'z'}); });
     step([&] { token->pin()->change(pin); });
     step([&] { token->pin()->logout(); });
+}
+
+// The same on a card with `atr` answering from the input.
+inline void run(const TBytes& atr, unsigned short applet, const uint8_t* data, size_t size,
+                unsigned short fileSystem = 0) {
+    work(std::unique_ptr<ISender>(new InputCard(atr, data, size)), applet, fileSystem);
 }
 
 }  // namespace fuzz_stack
