@@ -1,6 +1,7 @@
 #include "ctoken.h"
 
 #include "libapdu/exception.h"
+#include "token/applet_gost.h"
 #include "token/applet_pro.h"
 #include "token/applet_r2.h"
 
@@ -23,6 +24,7 @@ std::unique_ptr<IApplet> make(ISender* s) {
 const AppletKind kApplets[] = {
     {0x1001, &CAppletR2::checkIfExist, &make<CAppletR2>},
     {0x1002, &CAppletPro::checkIfExist, &make<CAppletPro>},
+    {0x2202, &CAppletGost::checkIfExist, &make<CAppletGost>},
 };
 
 const AppletKind& kindOf(unsigned short number) {
