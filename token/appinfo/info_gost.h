@@ -1,0 +1,34 @@
+// Token information of the GOST applet: nearly all of it from the applet's
+// status record, read anew on every call.
+#pragma once
+
+#include "token/appinfo/info_common.h"
+
+namespace libapdu {
+
+class CInfoGost : public CInfoCommon {
+public:
+    // The fields of the status record that this driver reads, numbers in
+    // host order.
+    struct CStatus {
+        TBytes version;  // 4 bytes
+        WORD memoryFree;
+        TBytes id;  // 8 bytes
+    };
+
+    explicit CInfoGost(IApplet* owner) : CInfoCommon(owner) {}
+
+    // One exchange for any count, 0 included.
+    TBytes rnd(unsigned long count) override;
+    bool isFips() override { return false; }
+    TBytes version(unsigned char selector) override;
+    TBytes id(unsigned char selector) override;
+    unsigned int color() override { return 0xFFFFFFFF; }
+    unsigned int memoryFree() override;
+    // The card does not tell; nothing is sent.
+    unsigned int memoryTotal() override { return 0xFFFFFFFF; }
+
+    CStatus get_status();
+};
+
+}  // namespace libapdu
