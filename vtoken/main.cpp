@@ -193,14 +193,16 @@ private:
     std::size_t i_ = static_cast<std::size_t>(-1);
 };
 
-unsigned long number(const std::string& text, unsigned long max, const std::string& what) {
-    char* end = nullptr;
-    errno = 0;
-    unsigned long n = std::strtoul(text.c_str(), &end, 0);
-    if (text.empty() || *end != '\0' || errno != 0 || n > max || text[0] == '-')
-        throw std::invalid_argument("bad " + what + ": " + text);
-    return n;
+int writeState(const std::string& path, const std::string& text, bool force) {
+    try {
+        vtoken::writeNewState(path, text, force);
+    } catch (const std::exception& e) {
+        return failure(e.what());
+    }
+    return 0;
 }
+
+using vtoken::javacard::parseNumber;
 
 unsigned char hexByte(const std::string& text, const std::string& what) {
     vtoken::Bytes b = vtoken::fromHex(text);
@@ -245,12 +247,7 @@ int initJavaCard(const vtoken::JavaDialect& dialect, const std::vector<std::stri
     } catch (const std::invalid_argument& e) {
         return usageError(e.what());
     }
-    try {
-        vtoken::writeNewState(path, text, force);
-    } catch (const std::exception& e) {
-        return failure(e.what());
-    }
-    return 0;
+    return writeState(path, text, force);
 }
 
 int init(const std::vector<std::string>& args) {
@@ -294,15 +291,16 @@ int init(const std::vector<std::string>& args) {
                 if (p.id->size() != 4) throw std::invalid_argument("--id takes 4 bytes");
                 r2.id = p.id;
             } else if (a == "--colour") {
-                p.colour = r2.colour = static_cast<unsigned char>(number(o.value(), 255, "colour"));
+                p.colour = r2.colour =
+                    static_cast<unsigned char>(parseNumber(o.value(), 255, "colour"));
             } else if (a == "--life-cycle") {
                 lifeCycle = hexByte(o.value(), "--life-cycle");
                 proOnly = a;
             } else if (a == "--memory-total") {
-                r2.memoryTotal = static_cast<std::uint16_t>(number(o.value(), 0xFFFF, a));
+                r2.memoryTotal = static_cast<std::uint16_t>(parseNumber(o.value(), 0xFFFF, a));
                 r2Only = a;
             } else if (a == "--pin-tries") {
-                r2.maxTries = static_cast<unsigned char>(number(o.value(), 255, a));
+                r2.maxTries = static_cast<unsigned char>(parseNumber(o.value(), 255, a));
                 if (r2.maxTries == 0) throw std::invalid_argument("--pin-tries counts from 1");
                 r2Only = a;
             } else if (a == "--force") {
@@ -335,12 +333,7 @@ int init(const std::vector<std::string>& args) {
     } catch (const std::invalid_argument& e) {
         return usageError(e.what());
     }
-    try {
-        vtoken::writeNewState(path, text, force);
-    } catch (const std::exception& e) {
-        return failure(e.what());
-    }
-    return 0;
+    return writeState(path, text, force);
 }
 
 int show(const std::vector<std::string>& args) {
@@ -388,7 +381,7 @@ int serve(const std::vector<std::string>& args) {
                 options.verbose = true;
             } else if (a == "--port") {
                 const std::string& v = o.value();
-                options.port = number(v, 0xFFFF, "port");
+                options.port = parseNumber(v, 0xFFFF, "port");
                 if (options.port == 0) throw std::invalid_argument("bad port: " + v);
             } else if (a == "--host") {
                 options.host = o.value();
@@ -403,9 +396,9 @@ int serve(const std::vector<std::string>& args) {
             } else if (a == "--truncate") {
                 options.faults.truncate.push_back(vtoken::Faults::parseTruncation(o.value()));
             } else if (a == "--mute-after") {
-                options.faults.muteAfter = number(o.value(), 1ul << 30, "--mute-after");
+                options.faults.muteAfter = parseNumber(o.value(), 1ul << 30, "--mute-after");
             } else if (a == "--vanish-at") {
-                options.faults.vanishAt = number(o.value(), 1ul << 30, "--vanish-at");
+                options.faults.vanishAt = parseNumber(o.value(), 1ul << 30, "--vanish-at");
                 if (*options.faults.vanishAt == 0)
                     throw std::invalid_argument("--vanish-at counts from 1");
             } else if (a == "--assume-verified") {
