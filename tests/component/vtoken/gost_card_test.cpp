@@ -74,7 +74,7 @@ const char* kTail = " 11 12 13 14 15 16 17 18 90 00";  // the identifier, then 9
 // three-byte Lc.
 std::string setLongValue(std::size_t n, const char* byte) {
     const std::size_t body = 8 + n;
-    char head[64];
+    char head[128];
     std::snprintf(head, sizeof head, "80 13 30 00 00 %02zX %02zX 01 04 11 00 00 00 %02zX %02zX ",
                   body >> 8, body & 0xFF, n >> 8, n & 0xFF);
     return head + repeat(byte, n) + "00";
