@@ -1,23 +1,199 @@
-// Both DataStore layouts against a scripted card: record commands byte for byte,
-// the tree from labels or the table file, whole-content updates.
-#include "token/appfs/fs_datastore.h"
+// The DataStore applet against a scripted card: selection, choice of layout,
+// the PIN, label and information drivers on the status record, and both file
+// system layouts with their record commands byte for byte.
+#include "token/applet_datastore.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
+#include <string>
+#include <vector>
+
+#include "libapdu/token.h"
+#include "token/appfs/fs_datastore.h"
 #include "token/appfs/fs_datastore_v2.h"
-#include "unit/datastore/datastore_card.h"
+#include "unit/scripted_sender.h"
 
 namespace {
 
 using namespace krfs_test;
+const std::string kOk = "90 00";
+const std::string kSelectAid = "00 A4 04 00 08 A0 00 00 04 48 00 03 01 00";
+const std::string kStatus = "80 30 30 00 1E";
+
+// One byte, and a 16-bit number, as they go on the wire.
+std::string b(unsigned v) {
+    char s[4];
+    return std::snprintf(s, sizeof s, "%02X ", v & 0xFF), s;
+}
+std::string w(unsigned v) { return b(v >> 8) + b(v); }
+
+// One record of a list answer: number, label, flags, size.
+std::string rec(unsigned id, unsigned label, unsigned flags, unsigned size) {
+    return w(id) + w(label) + b(flags) + w(size);
+}
+std::string listFrom(unsigned next) { return "80 20 60 00 02 " + w(next) + "00"; }
+std::string begin(unsigned size) { return "80 20 10 00 02 " + w(size) + "00"; }
+std::string finishNew(unsigned flag, unsigned label) {
+    return "80 20 50 00 04 01 " + b(flag) + w(label) + "00";
+}
+std::string finishOver(unsigned r) { return "80 20 50 00 03 00 " + w(r) + "00"; }
+std::string numbered(unsigned r) { return w(r) + "90 00"; }
+std::string readRec(unsigned r, unsigned at, unsigned n) {
+    return "80 20 30 00 06 " + w(r) + w(at) + w(n) + "00";
+}
+std::string deleteRec(unsigned r) { return "80 20 20 00 02 " + w(r) + "00"; }
+// The write to the update buffer of `data` at `at`.
+std::string writeBuf(unsigned at, const TBytes& data) {
+    const unsigned n = static_cast<unsigned>(data.size());
+    return "80 20 40 00 " + b(n + 4) + w(at) + w(n) + toHex(data) + "00";
+}
+
+// The status record: version 01 02 03, free memory `free`, PIN columns
+// (logged in, wrong, total, min, max): 1 (0,1,10,4,8), 2 (FF,0,10,6,16),
+// 3 (0,5,5,8,32); identifier 11..88.
+std::string status(unsigned free = 0x1000) {
+    return "01 02 03 00 00 " + w(free) + "00 FF 00 01 00 05 0A 0A 05 04 06 08 08 10 20 " +
+           "11 22 33 44 55 66 77 88 90 00";
+}
+
+// A table image with the slots {slot, parent, name}, little-endian.
+TBytes tableOf(std::initializer_list<std::array<unsigned, 3>> slots) {
+    TBytes t(2048);
+    for (const auto& s : slots)
+        for (unsigned i = 0; i < 4; ++i) t[4 * s[0] + i] = (i < 2 ? s[1] : s[2]) >> (i % 2 * 8);
+    return t;
+}
+
+// A fresh applet, its AID selection already played.
+struct Card {
+    ScriptedSender sender;
+    CAppletDataStore applet{&sender.expect(kSelectAid, kOk)};
+
+    void play(const std::vector<std::string>& steps) { sender.play(steps); }
+    // Whole content of `data` in 240-byte blocks through the update buffer.
+    void blocks(const TBytes& data) {
+        for (std::size_t at = 0; at < data.size(); at += 240) {
+            const std::size_t n = std::min<std::size_t>(240, data.size() - at);
+            sender.expect(writeBuf(at, TBytes(data.begin() + at, data.begin() + at + n)), kOk);
+        }
+    }
+};
+
+// The table of record `r` read in 240-byte blocks: 9 reads, the last of 128.
+void playTableRead(Card& c, unsigned r, const TBytes& table) {
+    for (unsigned at = 0; at < 2048; at += 240) {
+        const unsigned n = std::min(240u, 2048 - at);
+        c.sender.expect(readRec(r, at, n),
+                        toHex(TBytes(table.begin() + at, table.begin() + at + n)) + kOk);
+    }
+}
+
+// The whole table written: begin 0x800, 9 blocks, then `finish`.
+void playTableWrite(Card& c, const TBytes& table, const std::string& finish,
+                    const std::string& answer) {
+    c.sender.expect(begin(0x800), kOk);
+    c.blocks(table);
+    c.sender.expect(finish, answer);
+}
+
+TEST(DataStoreApplet, SelectionByAidAndTheChoiceOfLayout) {
+    std::unique_ptr<ISender> owned(new ScriptedSender);
+    auto& card = *static_cast<ScriptedSender*>(owned.get());
+    std::unique_ptr<IToken> token = IToken::create(owned);
+    card.expect(kSelectAid, "6A 82").expect(kSelectAid, kOk).expect(kSelectAid, "6A 82");
+    EXPECT_FALSE(token->checkIfExist(0x2205));
+    EXPECT_TRUE(token->checkIfExist(0x2205));
+    EXPECT_EQ(failureCode([&] { token->selectApplet(0x2205); }), code(0x6A82));
+    card.expect(kSelectAid, kOk);
+    token->selectApplet(0x2205);
+    EXPECT_NE(dynamic_cast<CFSDataStore*>(token->fs()), nullptr);
+    token->switchToFileSystem(2);
+    EXPECT_NE(dynamic_cast<CFSDataStore_v2*>(token->fs()), nullptr);
+    // Another number keeps the driver; 1 makes a new one that lists the card again.
+    IAppFS* v2 = token->fs();
+    token->switchToFileSystem(3);
+    EXPECT_EQ(token->fs(), v2);
+    token->switchToFileSystem(1);
+    ASSERT_NE(dynamic_cast<CFSDataStore*>(token->fs()), nullptr);
+    card.expect(listFrom(0), kOk);
+    token->fs()->select({});
+    // The applet's own folding: 0x6F00 is no room here.
+    card.expect("80 30 20 00 01 41 02", "6F 00");
+    EXPECT_EQ(failureCode([&] { token->label()->write({'A'}); }), code(0x6400));
+}
+
+TEST(DataStoreApplet, PinColumnsComeFromTheStatusRecordAndOnlyTheMaximumIsChecked) {
+    Card c;
+    IAppPin* pin = c.applet.pin();
+    EXPECT_EQ(std::vector<TPath>({pin->pathUser(), pin->pathAdmin(), pin->pathGlobal()}),
+              std::vector<TPath>({{1}, {2}, {3}}));
+    const struct {
+        TPath path;
+        std::string answer;
+        std::vector<int> info;  // min, max, left, total, state
+        long code;
+    } rows[] = {
+        {{1}, status(), {4, 8, 9, 10, 0}, 0},
+        {{2}, status(), {6, 16, 10, 10, 0xFF}, 0},
+        {{3}, status(), {8, 32, 0, 5, 0}, 0},
+        {{4}, status(), {0, 0, 0xFF, 0xFF, 0x10}, code(0x6B00)},
+        {{1}, "01 02 03 " + toHex(TBytes(26, 0x00)) + kOk, {0, 0, 0xFF, 0xFF, 0x10}, code(0x6281)},
+    };
+    for (const auto& r : rows) {
+        c.sender.expect(kStatus, r.answer);
+        EXPECT_EQ(failureCode([&] { pin->select(r.path); }), r.code);
+        EXPECT_EQ(pinFields(pin->info()), r.info);
+    }
+
+    c.sender.expect(kStatus, status());
+    pin->select({1});
+    const TBytes p{'1', '2', '3', '4'};
+    const std::string login = "80 10 10 00 06 00 04 31 32 33 34";
+    run(c.sender,
+        {
+            {[&] { pin->login(p); }, {login, "63 C2"}, code(0x6300), 8, 0},
+            {[&] { pin->login(p); }, {login, kOk}, 0, 10, 0xFF},
+            {[&] { pin->change(p); }, {"80 10 20 00 06 00 04 31 32 33 34 00", kOk}, 0, 10, 0xFF},
+            {[&] { pin->logout(); }, {"80 10 30 00 00 00", "67 04"}, code(0x6983), 10, 0},
+            {[&] { pin->login(TBytes(9, '1')); }, {}, code(0x6B00), 10, 0},
+            {[&] { pin->change(TBytes(9, '1')); }, {}, code(0x6B00), 10, 0},
+            {[&] { pin->login({}); }, {"80 10 10 00 02 00 00", "67 03"}, code(0x6300), 9, 0},
+            {[&] { pin->unblock(p); }, {}, code(0xFACE), 9, 0},
+        },
+        pin);
+    EXPECT_EQ(pin->encoding(), 2u);
+}
+
+TEST(DataStoreApplet, LabelAndInformationFromTheApplet) {
+    Card c;
+    IAppLabel* label = c.applet.label();
+    c.sender.expect("80 30 10 00 00", "20 41 20 42 00 20 20 " + kOk);
+    EXPECT_EQ(label->read(), hex("20 41 20 42 00"));
+    c.sender.expect("80 30 20 00 02 C3 A4 02", kOk);
+    label->write(hex("C3 A4"));
+    // No limit here: the length byte keeps its low 8 bits.
+    c.sender.expect("80 30 20 00 2C " + toHex(TBytes(300, 0x61)) + "02", "67 0A");
+    EXPECT_EQ(failureCode([&] { label->write(TBytes(300, 'a')); }), code(0x6B00));
+    EXPECT_EQ(label->encoding(), 3u);
+
+    IAppInfo* info = c.applet.info();
+    c.sender.expect(kStatus, status(0x1234));
+    EXPECT_EQ(info->version(1), hex("01 02 03"));
+    c.sender.expect(kStatus, status(0x1234));
+    EXPECT_EQ(info->id(2), hex("11 22 33 44 55 66 77 88"));
+    c.sender.expect(kStatus, status(0x1234)).expect(kStatus, status(0xFFFE));
+    EXPECT_EQ(info->memoryFree(), 0x1234u);
+    EXPECT_EQ(info->memoryFree(), 0xFFFEu);
+    EXPECT_EQ(info->memoryTotal(), 0xFFFFFFFFu);
+    EXPECT_EQ(failureCode([&] { info->rnd(8); }), code(0xFACE));
+    c.sender.expect(kStatus, toHex(TBytes(29, 0x00)) + kOk);
+    EXPECT_EQ(failureCode([&] { info->id(1); }), code(0x6281));
+}
 
 CFileInfo file(WORD size, unsigned char read) { return CFileInfo(1, size, read, 1); }
 CFileInfo dir(WORD size = 0, unsigned char read = 0) { return CFileInfo(2, size, read, 1); }
-
-std::vector<int> fields(IAppFS* fs) {
-    const CFileInfo i = fs->info();
-    return {i.type, i.size, i.read, i.write};
-}
 
 // Labels: root 0x3F3F (record 05); CC01 (12) and CC02 (18) under it; 0001
 // under 12 (0xA9, private) and at the root (alias 0xAF); F000 under 12 in a
@@ -41,7 +217,7 @@ TEST(DataStoreV1, TreeComesFromParentAndCodeInEachLabelAndShrinksByRemove) {
     fs->select({0xCC01});
     EXPECT_EQ(fs->list(1), (TPath{0x0001, 0xF000}));
     fs->select({0x3F00, 0xCC01, 0x0001});
-    EXPECT_EQ(fields(fs), (std::vector<int>{1, 0x20, 1, 1}));
+    EXPECT_EQ(fields(fs->info()), (std::vector<int>{1, 0x20, 1, 1}));
     // A parent listed after its child leaves the child out of the tree.
     for (const TPath& p : {TPath{0xCC00}, TPath{0xCC02, 0xCC00}})
         EXPECT_EQ(failureCode([&] { fs->select(p); }), code(0x6A82));
@@ -84,7 +260,7 @@ TEST(DataStoreV1, CreateMakesLabelsFromTheCodeTable) {
         EXPECT_EQ(failureCode([&] { fs->create(r.id, r.info); }), r.code) << std::hex << r.id;
     }
     fs->select({0xCC01, 0xCC03});
-    EXPECT_EQ(fields(fs), (std::vector<int>{2, 0, 1, 1}));
+    EXPECT_EQ(fields(fs->info()), (std::vector<int>{2, 0, 1, 1}));
     fs->select({0xCC01, 0x0001});
     EXPECT_EQ(failureCode([&] { fs->create(0xCC05, dir()); }), code(0x6283));
 }
@@ -171,7 +347,7 @@ TEST_P(Write, BusyRecordIsDeletedAndMadeAnewKnownOnlyToCurrent) {
     c.blocks(whole);
     c.sender.expect(finishNew(1, label), numbered(0x0050));
     fs->write(whole, 0);
-    EXPECT_EQ(fields(fs), (std::vector<int>{1, 300, 1, 1}));
+    EXPECT_EQ(fields(fs->info()), (std::vector<int>{1, 300, 1, 1}));
     auto* tree = dynamic_cast<CFSDataStoreTree<CDataStoreEntry>*>(fs);
     auto* tree2 = dynamic_cast<CFSDataStoreTree<CDataStoreEntryV2>*>(fs);
     EXPECT_EQ(tree ? tree->selected().record : tree2->selected().record, 0x0050);
@@ -229,7 +405,7 @@ TEST(DataStoreV2, TreeComesFromTheTableDroppingLostSlotsAndOrphans) {
     fs->select({0x1000});
     EXPECT_EQ(fs->list(1), TPath{0x2000});
     fs->select({0x1000, 0x2000});
-    EXPECT_EQ(fields(fs), (std::vector<int>{1, 0x10, 1, 1}));
+    EXPECT_EQ(fields(fs->info()), (std::vector<int>{1, 0x10, 1, 1}));
     EXPECT_EQ(fs->entries().size(), 3u);
     EXPECT_EQ(fs->tableNumber(), 2);
 }

@@ -1,11 +1,13 @@
-// The file-system drivers: the chunk loops of the base, and the Pro drivers
-// against a scripted card; the Pro label files on them.
+// The chunk loops of the file-system base, and the Pro file system, label and
+// information drivers against a scripted card.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "token/appfs/fs_common.h"
+#include "token/appinfo/info_pro.h"
 #include "token/applabel/label_pro.h"
 #include "unit/scripted_sender.h"
 
@@ -339,6 +341,73 @@ TEST_F(ProLabel, WritesPaddedFormsThenStampsTheToken) {
     info->asked = 0;  // over 32 bytes: refused before even the FIPS question
     EXPECT_EQ(failureCode([&] { label->write(text(std::string(33, 'x'))); }), code(0x6B00));
     EXPECT_EQ(info->asked, 0);
+}
+
+constexpr unsigned kControl = 0x9C41264C;
+
+struct ProInfo : ProApplet {
+    CInfoPro* pro = applet.install<CInfoPro>(applet.info_);
+};
+
+TEST_F(ProInfo, IdentifierVersionMemoryRandomAndColourWithTheirFiles) {
+    sender.expectControl(kControl, "02 00 00 00", "11 22 33 44 55 66 77 88");
+    EXPECT_EQ(pro->id(1), hex("88 77 66 55")) << "from the reader";
+    sender.expect("00 CA 01 81 00", "00 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 90 00");
+    EXPECT_EQ(pro->id(2), hex("0A 0B 0C 0D 0E 0F"));
+    sender.expect("00 CA 01 82 00", "04 02 07 90 00");
+    EXPECT_EQ(pro->version(9), hex("04 02"));
+    sender.expect(kFipsLabel, kDirFcp);  // asked once; memory selects the FIPS home
+    sender.expect(kFipsHome, kDirFcp).expect("00 CA 01 8A 00", "01 00 90 00");
+    EXPECT_EQ(pro->memoryFree(), 256u);
+    sender.expect(kFipsHome, kDirFcp);
+    sender.expect("00 CA 01 89 00", "FF FF 01 00 90 00");
+    EXPECT_EQ(pro->memoryTotal(), 262144u);
+    sender.expect("00 84 00 00 F0", toHex(TBytes(240, 0xAB)) + "90 00");
+    sender.expect("00 84 00 00 01", "CD 90 00");
+    EXPECT_EQ(pro->rnd(241), cat({TBytes(240, 0xAB), {0xCD}}));
+    sender.expect("00 A4 08 00 06 66 66 50 00 00 0A 00", fileFcp(3));
+    sender.expect("00 B0 00 02 01", "05 90 00");
+    EXPECT_EQ(pro->color(), 5u);
+    EXPECT_EQ(sender.offered,
+              (std::vector<std::size_t>{8, 258, 258, 258, 258, 256, 258, 256, 242, 3, 258, 3}));
+
+    CInfoPro* plain = applet.install<CInfoPro>(applet.info_);
+    sender.expect(kFipsLabel, "69 82").expect("00 A4 08 00 06 66 66 10 00 00 06 00", "6A 82");
+    EXPECT_EQ(plain->color(), 0xFFFFFFFFu) << "any refusal of the label file: not FIPS";
+}
+
+TEST_F(ProInfo, AnswersTooShortGiveBadAnswerWithoutReadingPast) {
+    sender.expect(kFipsLabel, "6A 82");
+    EXPECT_FALSE(pro->isFips());
+    const struct {
+        bool home;  // memory selects the home first
+        const char* command;
+        const char* answer;
+        std::function<void()> call;
+    } rows[] = {{false, "00 CA 01 81 00", "00 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 90 00",
+                 [&] { pro->id(2); }},
+                {false, "00 CA 01 82 00", "01 90 00", [&] { pro->version(0); }},
+                {true, "00 CA 01 8A 00", "01 00 00 90 00", [&] { pro->memoryFree(); }},
+                {true, "00 CA 01 89 00", "00 00 01 90 00", [&] { pro->memoryTotal(); }},
+                {false, "00 84 00 00 08", "01 02 03 90 00", [&] { pro->rnd(8); }}};
+    for (const auto& r : rows) {
+        if (r.home) sender.expect(kHome, kDirFcp);
+        sender.expect(r.command, r.answer);
+        EXPECT_EQ(failureCode(r.call), code(0x6281)) << r.command << " / " << r.answer;
+    }
+    // The configuration block through the reader: its length, then the block.
+    const std::string askLength = "01 00 00 00 C0 AA 00 00 00 00 03 00";
+    sender.expectControl(kControl, askLength, "01 02 00");
+    sender.expectControl(kControl, "01 00 00 00 C0 AA 00 00 01 00 03 01",
+                         toHex(TBytes(0x0102, 0x3C)) + "00");
+    EXPECT_EQ(pro->readCfg(), TBytes(0x0102, 0x3C));
+    const std::pair<const char*, const char*> broken[] = {
+        {"00 02", nullptr}, {"FF FF 00", nullptr}, {"00 02 00", "AA 00"}, {"00 02 00", "AA BB CC"}};
+    for (const auto& [length, block] : broken) {
+        sender.expectControl(kControl, askLength, length);
+        if (block) sender.expectControl(kControl, "01 00 00 00 C0 AA 00 00 01 00 03 00", block);
+        EXPECT_EQ(failureCode([&] { pro->readCfg(); }), code(0x6281)) << length;
+    }
 }
 
 }  // namespace
