@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "libapdu/token.h"
@@ -129,22 +130,17 @@ TEST(DataStoreApplet, PinColumnsComeFromTheStatusRecordAndOnlyTheMaximumIsChecke
     IAppPin* pin = c.applet.pin();
     EXPECT_EQ(std::vector<TPath>({pin->pathUser(), pin->pathAdmin(), pin->pathGlobal()}),
               std::vector<TPath>({{1}, {2}, {3}}));
-    const struct {
-        TPath path;
-        std::string answer;
-        std::vector<int> info;  // min, max, left, total, state
-        long code;
-    } rows[] = {
+    const std::tuple<TPath, std::string, std::vector<int>, long> rows[] = {
         {{1}, status(), {4, 8, 9, 10, 0}, 0},
         {{2}, status(), {6, 16, 10, 10, 0xFF}, 0},
         {{3}, status(), {8, 32, 0, 5, 0}, 0},
         {{4}, status(), {0, 0, 0xFF, 0xFF, 0x10}, code(0x6B00)},
         {{1}, "01 02 03 " + toHex(TBytes(26, 0x00)) + kOk, {0, 0, 0xFF, 0xFF, 0x10}, code(0x6281)},
     };
-    for (const auto& r : rows) {
-        c.sender.expect(kStatus, r.answer);
-        EXPECT_EQ(failureCode([&] { pin->select(r.path); }), r.code);
-        EXPECT_EQ(pinFields(pin->info()), r.info);
+    for (const auto& [path, answer, info, failure] : rows) {
+        c.sender.expect(kStatus, answer);
+        EXPECT_EQ(failureCode([&] { pin->select(path); }), failure);
+        EXPECT_EQ(pinFields(pin->info()), info);
     }
 
     c.sender.expect(kStatus, status());
@@ -238,27 +234,17 @@ TEST(DataStoreV1, CreateMakesLabelsFromTheCodeTable) {
     playLabelCard(c);
     IAppFS* fs = c.applet.fs();
     fs->select({0xCC01});
-    const struct {
-        WORD id;
-        CFileInfo info;
-        std::vector<std::string> exchanges;
-        long code;
-    } rows[] = {
-        {0xCC00,
-         file(0x10, 0),
-         {kStatus, status(), begin(0x10), kOk, finishNew(0, 0x12C0), numbered(0x40)},
-         0},
-        // A directory's size is forced to 0.
-        {0xCC03, dir(0x10, 1), {begin(0), kOk, finishNew(1, 0x12C3), numbered(0x41)}, 0},
-        {0xCC04, file(0x4001, 0), {}, code(0x6400)},
-        {0xCC04, file(0x1001, 0), {kStatus, status(0x1000)}, code(0x6400)},
-        {0x3F00, dir(), {}, code(0x6900)},
-        {0xF000, dir(), {}, code(0x6A89)},
-    };
-    for (const auto& r : rows) {
-        c.play(r.exchanges);
-        EXPECT_EQ(failureCode([&] { fs->create(r.id, r.info); }), r.code) << std::hex << r.id;
-    }
+    const auto create = [&](WORD id, CFileInfo info) { return [=] { fs->create(id, info); }; };
+    run(c.sender,
+        {{create(0xCC00, file(0x10, 0)),
+          {kStatus, status(), begin(0x10), kOk, finishNew(0, 0x12C0), numbered(0x40)},
+          0},
+         // A directory's size is forced to 0.
+         {create(0xCC03, dir(0x10, 1)), {begin(0), kOk, finishNew(1, 0x12C3), numbered(0x41)}, 0},
+         {create(0xCC04, file(0x4001, 0)), {}, code(0x6400)},
+         {create(0xCC04, file(0x1001, 0)), {kStatus, status(0x1000)}, code(0x6400)},
+         {create(0x3F00, dir()), {}, code(0x6900)},
+         {create(0xF000, dir()), {}, code(0x6A89)}});
     fs->select({0xCC01, 0xCC03});
     EXPECT_EQ(fields(fs->info()), (std::vector<int>{2, 0, 1, 1}));
     fs->select({0xCC01, 0x0001});
@@ -281,25 +267,6 @@ TEST(DataStoreV1, EmptyCardMakesTheRootRecordAtTheFirstCreate) {
     fs->create(0xCC00, dir());
     fs->select({0x0001, 0xCC00});
     EXPECT_EQ(failureCode([&] { fs->create(0xCC01, dir()); }), code(0x6400));
-}
-
-TEST(DataStoreV1, BrokenListAnswersAreRefused) {
-    const struct {
-        std::vector<std::string> exchanges;
-        long code;
-    } rows[] = {
-        {{listFrom(0), "00 01 3F 3F 00 00 " + kOk}, code(0x6281)},
-        {{listFrom(0), rec(0x10, 0x3F3F, 0, 0) + kOk, listFrom(0x11),
-          rec(0x05, 0x10C0, 0, 0) + kOk},
-         code(0x6281)},
-        // The last number ends the list without another round.
-        {{listFrom(0), rec(0xFFFF, 0x3F3F, 0, 0) + kOk}, 0},
-    };
-    for (const auto& r : rows) {
-        Card c;
-        c.play(r.exchanges);
-        EXPECT_EQ(failureCode([&] { c.applet.fs()->select({}); }), r.code) << r.exchanges[0];
-    }
 }
 
 // A file of 300 bytes, record 0x13: two blocks, 240 and 60 bytes.
@@ -410,25 +377,31 @@ TEST(DataStoreV2, TreeComesFromTheTableDroppingLostSlotsAndOrphans) {
     EXPECT_EQ(fs->tableNumber(), 2);
 }
 
-TEST(DataStoreV2, BrokenTablesAreRefused) {
-    const struct {
-        std::vector<std::string> exchanges;
-        long code;
-    } rows[] = {
-        {{listFrom(0), rec(2, 0x3333, 0, 0x7FF) + kOk, listFrom(3), kOk}, code(0x6281)},
-        {{listFrom(0), rec(2, 0x3333, 0, 0x800) + kOk, listFrom(3), kOk, readRec(2, 0, 240),
+// Broken lists and tables, on layout 1 or 2.
+TEST(DataStore, BrokenListsAndTablesAreRefused) {
+    const std::tuple<int, std::vector<std::string>, long> rows[] = {
+        {1, {listFrom(0), "00 01 3F 3F 00 00 " + kOk}, code(0x6281)},
+        {1,
+         {listFrom(0), rec(0x10, 0x3F3F, 0, 0) + kOk, listFrom(0x11),
+          rec(0x05, 0x10C0, 0, 0) + kOk},
+         code(0x6281)},
+        // The last number ends the list without another round.
+        {1, {listFrom(0), rec(0xFFFF, 0x3F3F, 0, 0) + kOk}, 0},
+        {2, {listFrom(0), rec(2, 0x3333, 0, 0x7FF) + kOk, listFrom(3), kOk}, code(0x6281)},
+        {2,
+         {listFrom(0), rec(2, 0x3333, 0, 0x800) + kOk, listFrom(3), kOk, readRec(2, 0, 240),
           toHex(TBytes(239, 0x00)) + kOk},
          code(0x6281)},
         // Nodes with no table: only the root shows.
-        {{listFrom(0), rec(2, 0x4444, 0, 0) + rec(3, 0x4444, 0, 5) + kOk, listFrom(4), kOk}, 0},
+        {2, {listFrom(0), rec(2, 0x4444, 0, 0) + rec(3, 0x4444, 0, 5) + kOk, listFrom(4), kOk}, 0},
     };
-    for (const auto& r : rows) {
+    for (const auto& [layout, exchanges, failure] : rows) {
         Card c;
-        c.applet.switchToFileSystem(2);
-        c.play(r.exchanges);
+        c.applet.switchToFileSystem(layout);
+        c.play(exchanges);
         IAppFS* fs = c.applet.fs();
-        EXPECT_EQ(failureCode([&] { fs->select({}); }), r.code);
-        if (r.code == 0) {
+        EXPECT_EQ(failureCode([&] { fs->select({}); }), failure) << exchanges[1];
+        if (failure == 0) {
             EXPECT_TRUE(fs->list(1).empty() && fs->list(2).empty());
         }
     }

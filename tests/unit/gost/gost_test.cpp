@@ -1,19 +1,15 @@
 // The GOST applet and its drivers against a scripted card: the tree built
-// from crafted object lists, the exact bytes of every command, and the
-// applet's place in the search of a bind.
+// from crafted object lists and the exact bytes of every command.
 #include "token/applet_gost.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <functional>
 #include <iterator>
 #include <string>
 #include <vector>
 
-#include "src/Token/Token.h"
 #include "token/appfs/fs_gost.h"
-#include "token/libapdu/ctoken.h"
 #include "unit/scripted_sender.h"
 
 namespace {
@@ -304,39 +300,6 @@ TEST_F(Gost, InformationAndLabel) {
             {[&] { applet->init(); }, {kStatus, bytes(13, "00") + kOk}, code(0x6400)},
         });
     EXPECT_EQ(label->encoding(), 2u);
-}
-
-// Accepts only the GOST applet's selection and answers its status record;
-// refuses anything else.
-struct GostOnlyCard : ISender {
-    explicit GostOnlyCard(std::vector<std::string>* log) : log(log) {}
-    void send(const TBytes& command, TBytes& response) override {
-        const std::string c = toHex(command);
-        log->push_back(c);
-        const bool ours = c == kSelectAid + " " || c == kStatus + " ";
-        response = hex(ours ? status(0, 0, 0, 0) : "6A 82");
-    }
-    TBytes atr() override { return hex("3B D5 18 00 81 31 FE 7D 80 73 C8 21 10 F4"); }
-    std::vector<std::string>* log;
-};
-
-TEST(GostBind, TriedAfterEveryOtherJavaApplet) {
-    std::vector<std::string> log;
-    ::CToken token;
-    token.Attach(std::unique_ptr<ISender>(new GostOnlyCard(&log)));
-    EXPECT_EQ(token.AppletId(), 0x2202);
-    // The Java, Idprotect and DataStore applets this build has come first, in that order.
-    std::vector<std::string> expected;
-    for (const char* s : {"00 A4 04 00 07 A0 00 00 03 12 02 02 00 ",
-                          "00 A4 04 00 0C A0 00 00 01 64 4C 41 53 45 52 00 01 00 ",
-                          "00 A4 04 00 08 A0 00 00 04 48 00 03 01 00 "})
-        if (std::find(log.begin(), log.end(), s) != log.end()) expected.push_back(s);
-    expected.insert(expected.end(), {kSelectAid + " ", kStatus + " "});
-    EXPECT_EQ(log, expected);
-
-    log.clear();
-    EXPECT_TRUE(libapdu::CToken(std::make_unique<GostOnlyCard>(&log)).checkIfExist(0x2202));
-    EXPECT_EQ(log, std::vector<std::string>{kSelectAid + " "});
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "token/apppack/pack_gost.h"
@@ -75,29 +76,29 @@ TEST_F(ProPin, LoginAnswersTheChallengeWithTheKeyOfThePinAndTheMode) {
 }
 
 TEST_F(ProPin, CounterUpkeepAfterTheCardsVerdict) {
-    const struct {
-        std::string sw, before, written, writeAnswer;  // before empty: no counter file
-        std::vector<int> record;                       // state, left, total
-    } rows[] = {
-        {"90 00", "07 0A", "0A 0A", "90 00", {0xFF, 10, 10}},
-        {"63 00", "07 0A", "06 0A", "90 00", {0, 6, 10}},
-        {"63 00", "00 0A", "", "", {0, 0, 10}},  // at zero it stays
-        {"63 C2", "07 0A", "", "", {0, 7, 10}},
-        {"90 00", "", "", "", {0xFF, 9, 10}},
-        {"63 00", "07 0A", "06 0A", "69 82", {0, 6, 10}},
-    };
-    for (const auto& r : rows) {
+    // The card's word, the counter before (none: no counter file), as written back and the
+    // answer to that; the state, attempts left and total after.
+    const std::tuple<std::string, std::string, std::string, std::string, std::vector<int>> rows[] =
+        {
+            {"90 00", "07 0A", "0A 0A", "90 00", {0xFF, 10, 10}},
+            {"63 00", "07 0A", "06 0A", "90 00", {0, 6, 10}},
+            {"63 00", "00 0A", "", "", {0, 0, 10}},  // at zero it stays
+            {"63 C2", "07 0A", "", "", {0, 7, 10}},
+            {"90 00", "", "", "", {0xFF, 9, 10}},
+            {"63 00", "07 0A", "06 0A", "69 82", {0, 6, 10}},
+        };
+    for (const auto& [sw, before, after, writeAnswer, record] : rows) {
         user(false, "09 0A");
         salt(false);
-        answer(false, 0x81, plainKey(kPin), r.sw);
-        counter(false, 0, r.before);
-        if (!r.written.empty()) written(0, r.written, r.writeAnswer.c_str());
-        const TBytes sw = hex(r.sw);
+        answer(false, 0x81, plainKey(kPin), sw);
+        counter(false, 0, before);
+        if (!after.empty()) written(0, after, writeAnswer.c_str());
+        const TBytes word = hex(sw);
         EXPECT_EQ(failureCode([&] { pin->login(kPin); }),
-                  r.sw == "90 00" ? 0 : code(sw[0] << 8 | sw[1]));
+                  sw == "90 00" ? 0 : code(word[0] << 8 | word[1]));
         const CPinInfo i = pin->info();
-        EXPECT_EQ((std::vector<int>{i.loginState, i.attemptsLeft, i.attemptsTotal}), r.record)
-            << r.sw << r.before;
+        EXPECT_EQ((std::vector<int>{i.loginState, i.attemptsLeft, i.attemptsTotal}), record)
+            << sw << before;
     }
 }
 
@@ -185,42 +186,34 @@ struct ProSm : ::testing::Test {
 };
 
 TEST_F(ProSm, WrapsCommandsOfEachShape) {
-    const struct {
-        const char* command;
-        const char* header;
-        const char* data;
-    } rows[] = {
+    const std::tuple<const char*, const char*, const char*> rows[] = {
+        // command, header, data
         {"00 A4 00 00", "00A40000", ""},     // no data, no Le
         {"00 B0 00 00 10", "00B00000", ""},  // Le dropped
         {"90 24 10 9B 08 0102030405060708", "9024109B", "0102030405060708"},
         {"80 DA 01 02 14 000102030405060708090A0B0C0D0E0F10111213 00", "80DA0102",
          "000102030405060708090A0B0C0D0E0F10111213"},  // with Le
     };
-    for (const auto& r : rows) {
-        EXPECT_EQ(toHex(pack->wrap(hex(r.command))),
-                  toHex(smCommand(kMacKey, kEncKey, hex(r.header), hex(r.data))));
-    }
+    for (const auto& [command, header, data] : rows)
+        EXPECT_EQ(toHex(pack->wrap(hex(command))),
+                  toHex(smCommand(kMacKey, kEncKey, hex(header), hex(data))));
 }
 
 TEST_F(ProSm, SendsTheWrappedCommandAndOpensTheAnswer) {
-    const struct {
-        const char* plain;
-        unsigned short sw;
-        unsigned char indicator;
-    } rows[] = {
+    const std::tuple<const char*, unsigned short, unsigned char> rows[] = {
         {"010203", 0x9000, 0x01},
         {"0102030405060708", 0x6282, 0x02},  // whatever the word and the indicator
     };
-    for (const auto& r : rows) {
+    for (const auto& [plain, sw, indicator] : rows) {
         const TBytes cipher =
-            oracle::evp("DES-EDE3-CBC", kEncKey, TBytes(8, 0), oracle::isoPad(hex(r.plain)), true);
+            oracle::evp("DES-EDE3-CBC", kEncKey, TBytes(8, 0), oracle::isoPad(hex(plain)), true);
         sender.expect(toHex(wrapped),
-                      toHex(oracle::smReply(kMacKey, wrapped, cat({{r.indicator}, cipher}), r.sw)));
+                      toHex(oracle::smReply(kMacKey, wrapped, cat({{indicator}, cipher}), sw)));
         TBytes response;
         pack->sm(hex("00 B0 00 00 03"), response);
         EXPECT_EQ(response,
-                  cat({hex(r.plain),
-                       {static_cast<unsigned char>(r.sw >> 8), static_cast<unsigned char>(r.sw)}}));
+                  cat({hex(plain),
+                       {static_cast<unsigned char>(sw >> 8), static_cast<unsigned char>(sw)}}));
     }
     EXPECT_EQ(sender.offered, std::vector<std::size_t>(2, 257));
 
@@ -244,11 +237,8 @@ TEST_F(ProSm, AnyFaultInAProtectedAnswerIsABadAnswer) {
     };
     const TBytes noPadding =
         oracle::evp("DES-EDE3-CBC", kEncKey, TBytes(8, 0), TBytes(8, 0x41), true);
-    const struct {
-        const char* what;
-        TBytes header;
-        TBytes answer;
-    } rows[] = {
+    const std::tuple<const char*, TBytes, TBytes> rows[] = {
+        // what, the header, the answer
         {"empty", wrapped, {}},
         {"MAC mismatch", wrapped, flipped},
         {"other command", otherHeader, good},
@@ -259,11 +249,11 @@ TEST_F(ProSm, AnyFaultInAProtectedAnswerIsABadAnswer) {
         {"partial block", wrapped, macd(hex("01 0102030405"))},
         {"padding broken", wrapped, macd(cat({{0x01}, noPadding}))},
     };
-    for (const auto& r : rows) {
+    for (const auto& [what, header, answer] : rows) {
         TBytes response{0xEE};
-        EXPECT_EQ(failureCode([&] { pack->unwrap(r.header, r.answer, response); }), code(0x6281))
-            << r.what;
-        EXPECT_EQ(response, TBytes{0xEE}) << r.what << ": left as it was";
+        EXPECT_EQ(failureCode([&] { pack->unwrap(header, answer, response); }), code(0x6281))
+            << what;
+        EXPECT_EQ(response, TBytes{0xEE}) << what << ": left as it was";
     }
     sender.expect(toHex(wrapped), toHex(flipped));  // through sm as well
     TBytes response;
