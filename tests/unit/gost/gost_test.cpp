@@ -7,6 +7,7 @@
 #include <functional>
 #include <iterator>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "token/appfs/fs_gost.h"
@@ -83,11 +84,8 @@ struct Gost : ::testing::Test {
 };
 
 TEST_F(Gost, TableFromTheObjectList) {
-    const struct {
-        std::string list;
-        std::vector<std::string> attributes;  // per object of type 04, in order
-        std::vector<std::string> table;
-    } rows[] = {
+    // The object list, the attributes of each object of type 04 in order, the table.
+    const std::tuple<std::string, std::vector<std::string>, std::vector<std::string>> rows[] = {
         {"00 00 00", {}, {"3F00 dir", "3F00 E00E dir"}},
         {"FF 00 08 01 01 04 01 02 01 01 03 04 01 04 04 01 05 04 01 06 04 01 07 04 01 08 04",
          {entry(kPath, "00 3F 00 10 00 20 01 00") + entry(kSize, "01 02 03"),
@@ -103,16 +101,16 @@ TEST_F(Gost, TableFromTheObjectList) {
           "3F00 dir", "3F00 E00E dir", "3F00 1000 2000 dir", "3F00 1000 dir",
           "3F00 1000 3000 dir"}},
     };
-    for (const auto& r : rows) {
+    for (const auto& [list, attributes, want] : rows) {
         CFSGost fresh(applet.get());
-        sender.expect(kListFile, r.list + kOk);
+        sender.expect(kListFile, list + kOk);
         WORD handle = 0x0101;
-        for (const std::string& a : r.attributes) {
+        for (const std::string& a : attributes) {
             if (handle == 0x0102) ++handle;  // the object of type 01 is not asked
             sender.expect(listAtr(handle++), a + kOk);
         }
         fresh.select({0x3F00});
-        EXPECT_EQ(table(fresh), r.table);
+        EXPECT_EQ(table(fresh), want);
     }
     // One exchange per object, once; then everything works from the table.
     twoFiles();

@@ -1,6 +1,5 @@
-// The failure barrier of the exported calls, their handle checks, the reader state
-// mask, the APDU log, the lock rule of CToken; the shared pointer and text
-// conversion.
+// The failure barrier of the exported calls, their handle checks, the APDU log,
+// the lock rule of CToken; the shared pointer and text conversion.
 #include "src/krfs/barrier.h"
 
 #include <gtest/gtest.h>
@@ -17,7 +16,6 @@
 #include "sh_ptr.h"
 #include "src/Log.h"
 #include "src/Object/Object.h"
-#include "src/Readers/Readers.h"
 #include "src/Token/Token.h"
 #include "unit/scripted_sender.h"
 
@@ -53,19 +51,6 @@ TEST(Barrier, EveryEntryRefusesNullAndOtherKindsOfHandle) {
     EXPECT_EQ(KRReadersEnumOpen(nullptr), 0x80000003L);
     EXPECT_EQ(KRTokenBind(nullptr, "reader"), 0x80000003L);
     EXPECT_EQ(file.kind, static_cast<unsigned int>(eFile)) << "a refused handle is left alone";
-}
-
-TEST(Readers, UsableStateMaskAndNoSnapshot) {
-    // Present, in use by another, with pcsc-lite's event counter, with the ATR match bit.
-    for (unsigned long state : {0x020ul, 0x120ul, 0x10020ul, 0x060ul})
-        EXPECT_TRUE(CReaders::IsUsable(state)) << std::hex << state;
-    // Nothing, empty, mute, exclusive, ignore, unknown, unavailable, present and empty.
-    for (unsigned long state :
-         {0x000ul, 0x010ul, 0x220ul, 0x0A0ul, 0x021ul, 0x024ul, 0x028ul, 0x030ul})
-        EXPECT_FALSE(CReaders::IsUsable(state)) << std::hex << state;
-    CReaders r;
-    __tag_ReaderInf info;
-    EXPECT_EQ(krfs::Guard([&] { r.GetNext(&info); }), 0x00000103L);
 }
 
 TEST(Log, ExactLinesWholeApdusAndPathsThatCannotBeUsed) {

@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "token/appinfo/info_r2.h"
@@ -34,50 +35,43 @@ struct R2 : ::testing::Test {
 };
 
 TEST_F(R2, SelectSendsTheWholePathLowByteFirstAndReadsTheFlag) {
-    const struct {
-        TPath path;
-        std::string command, answer;
-        std::vector<int> info;
-    } rows[] = {
+    const std::tuple<TPath, std::string, std::string, std::vector<int>> rows[] = {
         {{}, kSelectRoot, kDir, {2, 0, 0, 1}},
         {{0x3F00}, kSelectRoot, kDir, {2, 0, 0, 1}},
         {{0x8000, 0xAAAA}, kSelectLabel, kFile, {1, 0x0123, 0, 1}},
         {{0x3F00, 0x0100}, kSelectFile, kPrivate450, {1, 450, 1, 1}},
     };
-    for (const auto& r : rows) {
-        sender.expect(r.command, r.answer);
-        applet.fs()->select(r.path);
-        EXPECT_EQ(fields(applet.fs()->info()), r.info) << r.command;
+    for (const auto& [path, command, answer, info] : rows) {
+        sender.expect(command, answer);
+        applet.fs()->select(path);
+        EXPECT_EQ(fields(applet.fs()->info()), info) << command;
     }
 }
 
 TEST_F(R2, StatusWordsAreReadLowByteFirstAndRewrittenPerCommand) {
     const auto select = [&] { applet.fs()->select({0x0100}); };
-    const auto createFile = [&] { applet.fs()->create(0x1234, CFileInfo(1, 0x0123, 7, 1)); };
+    const auto create = [&](WORD id, CFileInfo info) {
+        return [=] { applet.fs()->create(id, info); };
+    };
     const auto removeFile = [&] { applet.fs()->remove(); };
-    const std::string create = "00 E0 00 00 06 01 07 23 01 34 12 00";
+    const std::string newFile = "00 E0 00 00 06 01 07 23 01 34 12 00";
     const std::string remove = "00 E2 00 00 01 01";
+    const auto createFile = create(0x1234, CFileInfo(1, 0x0123, 7, 1));
     run(sender,
         {
             {select, {kSelectFile, "07 64"}, code(0x6A82)},
             {select, {kSelectFile, "90 00"}, code(0xFFFF)},  // high byte first is an unknown word
             {select, {kSelectFile, "00 01 01 00 10 00 00 00 90"}, code(0x6281)},
-            {createFile, {create, "08 64"}, code(0x6A89)},
-            {createFile, {create, "82 69"}, code(0x6900)},
-            {createFile, {create, kOk}, 0},
+            {createFile, {newFile, "08 64"}, code(0x6A89)},
+            {createFile, {newFile, "82 69"}, code(0x6900)},
+            {createFile, {newFile, kOk}, 0},
+            {create(0x8000, {2, 0x55, 1, 1}), {"00 E0 00 00 06 02 00 00 00 00 80 00", kOk}, 0},
+            {create(0x3F00, {2, 0, 0, 1}), {}, code(0x6900)},  // refused before any command
+            {create(0x0001, {3, 0, 0, 1}), {}, code(0xFACE)},
             {removeFile, {remove, "06 64"}, code(0x6900)},
             {removeFile, {remove, "86 6F"}, code(0x6A82)},
             {removeFile, {remove, kOk}, 0},
         });
-}
-
-TEST_F(R2, CreateDirectoryAndRefusalsBeforeAnyCommand) {
-    sender.expect("00 E0 00 00 06 02 00 00 00 00 80 00", kOk);
-    applet.fs()->create(0x8000, CFileInfo(2, 0x55, 1, 1));
-    EXPECT_EQ(failureCode([&] { applet.fs()->create(0x3F00, CFileInfo(2, 0, 0, 1)); }),
-              code(0x6900));
-    EXPECT_EQ(failureCode([&] { applet.fs()->create(0x0001, CFileInfo(3, 0, 0, 1)); }),
-              code(0xFACE));
 }
 
 TEST_F(R2, ListTakesIdentifiersAfterTwoBytesAndOnlyOnADirectory) {
