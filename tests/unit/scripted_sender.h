@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -25,6 +26,12 @@ public:
     ~ScriptedSender() override { EXPECT_TRUE(allConsumed()) << "stopped at exchange " << position; }
     ScriptedSender& expect(const std::string& command, const std::string& response) {
         steps.push_back({false, 0, command, hex(response)});
+        return *this;
+    }
+    // Command, answer, command, answer...
+    ScriptedSender& play(const std::vector<std::string>& exchange) {
+        for (std::size_t k = 0; k + 1 < exchange.size(); k += 2)
+            expect(exchange[k], exchange[k + 1]);
         return *this;
     }
     ScriptedSender& expectControl(unsigned code, const std::string& in, const std::string& out) {
@@ -124,6 +131,36 @@ constexpr long code(unsigned short sw) { return static_cast<long>(0x86E00000UL |
 
 // `n` bytes of a command that may be anything.
 inline std::string anyBytes(int n) { return " " + std::string(2 * n, '?'); }
+// `n` times the byte `b`, each followed by a space.
+inline std::string bytes(std::size_t n, const std::string& b) {
+    std::string out;
+    while (n--) out += b + " ";
+    return out;
+}
+
+inline std::vector<int> fields(const CFileInfo& i) { return {i.type, i.size, i.read, i.write}; }
+inline std::vector<int> pinFields(const CPinInfo& i) {
+    return {i.minLength, i.maxLength, i.attemptsLeft, i.attemptsTotal, i.loginState};
+}
+
+// A driver call, the exchanges it makes, the code it fails with (0: none), and
+// for `run` with a PIN driver its attempts left and login state afterwards.
+struct Call {
+    std::function<void()> call;
+    std::vector<std::string> exchange;
+    long code;
+    int left = -1, state = -1;
+};
+inline void run(ScriptedSender& card, const std::vector<Call>& calls, IAppPin* pin = nullptr) {
+    for (const Call& c : calls) {
+        const std::string what = c.exchange.empty() ? "" : c.exchange[0];
+        card.play(c.exchange);
+        EXPECT_EQ(failureCode(c.call), c.code) << what;
+        if (pin == nullptr) continue;
+        EXPECT_EQ(pin->info().attemptsLeft, c.left) << what;
+        EXPECT_EQ(pin->info().loginState, c.state) << what;
+    }
+}
 
 // Pro file control data with 90 00: a file of `size` bytes (both size tags,
 // for CFSPro and CFSPro4), and a directory.

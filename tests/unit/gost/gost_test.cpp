@@ -1,19 +1,16 @@
 // The GOST applet and its drivers against a scripted card: the tree built
-// from crafted object lists, the exact bytes of every command, and the
-// applet's place in the search of a bind.
+// from crafted object lists and the exact bytes of every command.
 #include "token/applet_gost.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <functional>
 #include <iterator>
 #include <string>
+#include <tuple>
 #include <vector>
 
-#include "src/Token/Token.h"
 #include "token/appfs/fs_gost.h"
-#include "token/libapdu/ctoken.h"
 #include "unit/scripted_sender.h"
 
 namespace {
@@ -25,11 +22,6 @@ const std::string kStatus = "80 15 10 00 01 01", kListFile = "80 12 10 00 01 01"
 const std::string kNewFile = "80 12 20 00 01 04 00", kLogout = "80 15 20 00 01 01";
 constexpr unsigned kValue = 0x11, kSize = 0x161, kPath = 0x8000F11E, kDataObject = 0x8000BADA;
 
-std::string bytes(std::size_t n, const std::string& b) {
-    std::string out;
-    while (n--) out += " " + b;
-    return out + " ";
-}
 std::string word(unsigned w) { return apdu("%02X %02X ", w >> 8, w & 0xFF); }
 // An attribute id in a command: lowest byte first.
 std::string idOut(unsigned id) {
@@ -70,10 +62,7 @@ struct Gost : ::testing::Test {
         applet.reset(new CAppletGost(&sender));
         fs = static_cast<CFSGost*>(applet->fs());
     }
-    void play(const std::vector<std::string>& exchange) {  // command, answer, ...
-        for (std::size_t k = 0; k + 1 < exchange.size(); k += 2)
-            sender.expect(exchange[k], exchange[k + 1]);
-    }
+    void play(const std::vector<std::string>& exchange) { sender.play(exchange); }
     std::vector<std::string> table(const CFSGost& driver) {
         std::vector<std::string> out;
         for (const auto& e : driver.table()) out.push_back(describe(e));
@@ -89,28 +78,14 @@ struct Gost : ::testing::Test {
               listAtr(0x0103), entry(2, "01") + entry(kValue, "AA BB") + kOk});
         fs->select({});
     }
-    struct Step {
-        std::function<void()> call;
-        std::vector<std::string> exchange;
-        long code;
-    };
-    void run(const std::vector<Step>& steps) {
-        for (const Step& s : steps) {
-            play(s.exchange);
-            EXPECT_EQ(failureCode(s.call), s.code) << (s.exchange.empty() ? "" : s.exchange[0]);
-        }
-    }
     ScriptedSender sender;
     std::unique_ptr<CAppletGost> applet;
     CFSGost* fs;
 };
 
 TEST_F(Gost, TableFromTheObjectList) {
-    const struct {
-        std::string list;
-        std::vector<std::string> attributes;  // per object of type 04, in order
-        std::vector<std::string> table;
-    } rows[] = {
+    // The object list, the attributes of each object of type 04 in order, the table.
+    const std::tuple<std::string, std::vector<std::string>, std::vector<std::string>> rows[] = {
         {"00 00 00", {}, {"3F00 dir", "3F00 E00E dir"}},
         {"FF 00 08 01 01 04 01 02 01 01 03 04 01 04 04 01 05 04 01 06 04 01 07 04 01 08 04",
          {entry(kPath, "00 3F 00 10 00 20 01 00") + entry(kSize, "01 02 03"),
@@ -126,16 +101,16 @@ TEST_F(Gost, TableFromTheObjectList) {
           "3F00 dir", "3F00 E00E dir", "3F00 1000 2000 dir", "3F00 1000 dir",
           "3F00 1000 3000 dir"}},
     };
-    for (const auto& r : rows) {
+    for (const auto& [list, attributes, want] : rows) {
         CFSGost fresh(applet.get());
-        sender.expect(kListFile, r.list + kOk);
+        sender.expect(kListFile, list + kOk);
         WORD handle = 0x0101;
-        for (const std::string& a : r.attributes) {
+        for (const std::string& a : attributes) {
             if (handle == 0x0102) ++handle;  // the object of type 01 is not asked
             sender.expect(listAtr(handle++), a + kOk);
         }
         fresh.select({0x3F00});
-        EXPECT_EQ(table(fresh), r.table);
+        EXPECT_EQ(table(fresh), want);
     }
     // One exchange per object, once; then everything works from the table.
     twoFiles();
@@ -182,7 +157,8 @@ TEST_F(Gost, CreateWritesTheAttributesInOrder) {
 
     const std::vector<std::string> before = table(*fs);
     const auto create = [&](WORD id, CFileInfo info) { return [=] { fs->create(id, info); }; };
-    run({{create(0x0013, {1, 0x4001, 0, 2}), {}, code(0x6400)},
+    run(sender,
+        {{create(0x0013, {1, 0x4001, 0, 2}), {}, code(0x6400)},
          // 0x4000 passes the limit and meets the memory test
          {create(0x0013, {1, 0x4000, 0, 2}), {kStatus, status(0, 0, 0, 0, 0x5FFF)}, code(0x6400)},
          {create(0x0001, {1, 0, 0, 2}), {}, code(0x6A89)}});
@@ -201,21 +177,21 @@ TEST_F(Gost, ReadWriteMoveTheWholeValueAndHiddenContentIsRefused) {
     const auto write = [&](WORD file, TBytes data, WORD at) {
         return [=] { fs->select({file}), fs->write(data, at); };
     };
-    run({
-        {read(1, 1), {getAtr(0x0101), header + "AA BB CC 90 00"}, 0},
-        {read(2, 0), {getAtr(0x0103), "6A 82"}, code(0x6900)},
-        {read(1, 0), {getAtr(0x0101), "6A 82"}, code(0x6A82)},
-        {read(1, 1), {getAtr(0x0101), header + "AA BB 90 00"}, code(0x6282)},
-        {read(1, 0), {getAtr(0x0101), "01 02 03 90 00"}, code(0x6281)},
-        {read(1, 2), {}, code(0x6282)},
-        {write(1, two, 2), {}, code(0x6A84)},
-        {write(2, {0x5A}, 1),
-         {getAtr(0x0103), header + "AA BB 90 00", setAtr(0x0103, kValue, "AA 5A"), kOk},
-         0},
-        {write(2, {0x5A}, 1), {getAtr(0x0103), "6A 82"}, code(0x6900)},
-        {write(1, two, 0), {getAtr(0x0101), header + "AA 90 00"}, code(0x6A84)},
-        {read(0xE00E, 0), {}, code(0x6283)},
-    });
+    run(sender, {
+                    {read(1, 1), {getAtr(0x0101), header + "AA BB CC 90 00"}, 0},
+                    {read(2, 0), {getAtr(0x0103), "6A 82"}, code(0x6900)},
+                    {read(1, 0), {getAtr(0x0101), "6A 82"}, code(0x6A82)},
+                    {read(1, 1), {getAtr(0x0101), header + "AA BB 90 00"}, code(0x6282)},
+                    {read(1, 0), {getAtr(0x0101), "01 02 03 90 00"}, code(0x6281)},
+                    {read(1, 2), {}, code(0x6282)},
+                    {write(1, two, 2), {}, code(0x6A84)},
+                    {write(2, {0x5A}, 1),
+                     {getAtr(0x0103), header + "AA BB 90 00", setAtr(0x0103, kValue, "AA 5A"), kOk},
+                     0},
+                    {write(2, {0x5A}, 1), {getAtr(0x0103), "6A 82"}, code(0x6900)},
+                    {write(1, two, 0), {getAtr(0x0101), header + "AA 90 00"}, code(0x6A84)},
+                    {read(0xE00E, 0), {}, code(0x6283)},
+                });
     EXPECT_EQ(two, hex("BB CC"));
     EXPECT_EQ(sender.offered.back(), 16386u);
 }
@@ -247,60 +223,46 @@ TEST_F(Gost, RemoveDeletesBothObjectsAndKeepsTheCurrentCopy) {
 
 TEST_F(Gost, SetAtrLengthForms) {
     play({"80 13 30 00 09 12 34 1E F1 00 80 00 01 00 00", kOk,
-          "80 13 30 00 FF 12 34 1E F1 00 80 00 F7" + bytes(0xF7, "5A") + "00", kOk,
-          "80 13 30 00 00 01 00 12 34 1E F1 00 80 00 F8" + bytes(0xF8, "5A") + "00", kOk});
+          "80 13 30 00 FF 12 34 1E F1 00 80 00 F7 " + bytes(0xF7, "5A") + "00", kOk,
+          "80 13 30 00 00 01 00 12 34 1E F1 00 80 00 F8 " + bytes(0xF8, "5A") + "00", kOk});
     for (std::size_t size : {0, 0xF7, 0xF8}) fs->setAtr(0x1234, kPath, TBytes(size, 0x5A));
 }
 
 TEST_F(Gost, PinCountersLoginChangeAndLogout) {
     IAppPin* pin = applet->pin();
-    const auto info = [&] {
-        const CPinInfo i = pin->info();
-        return std::vector<int>{i.minLength, i.maxLength, i.attemptsLeft, i.attemptsTotal,
-                                i.loginState};
-    };
     // The user PIN is number 2, the card's reference 1; the administrator's 1 and 0.
     play({kStatus, status(0, 10, 3, 7), kStatus, status(1, 10, 3, 7)});
     pin->select(pin->pathAdmin());
-    EXPECT_EQ(info(), (std::vector<int>{6, 32, 3, 10, 0}));
+    EXPECT_EQ(pinFields(pin->info()), (std::vector<int>{6, 32, 3, 10, 0}));
     pin->select(pin->pathUser());
-    EXPECT_EQ(info(), (std::vector<int>{6, 32, 7, 10, 0xFF}));
+    EXPECT_EQ(pinFields(pin->info()), (std::vector<int>{6, 32, 7, 10, 0xFF}));
 
     const TBytes p = {'1', '2', '3', '4', '5', '6'}, next = {'a', 'b', 'c'}, longest(32, '1');
-    const std::string loginLongest = "80 10 20 00 22 01 20" + bytes(32, "31");
+    const std::string loginLongest = "80 10 20 00 22 01 20 " + bytes(32, "31");
     const std::string login = "80 10 20 00 08 01 06 31 32 33 34 35 36";
     const std::string change = "80 10 10 00 0C 01 06 03 31 32 33 34 35 36 61 62 63";
-    const struct {
-        std::function<void()> call;
-        std::vector<std::string> exchange;
-        long code;
-        int attemptsLeft, loginState;
-    } rows[] = {
-        // A try counts before the word is read; a failed login leaves no key.
-        {[&] { pin->login(p); }, {login, "6D A0"}, code(0x6300), 6, 0xFF},
-        {[&] { pin->change(next); }, {}, code(0x6900), 6, 0xFF},
-        {[&] { pin->login(p); }, {login, kOk}, 0, 10, 0xFF},
-        {[&] { pin->login(p); }, {login, "6D A4"}, code(0x6983), 9, 0xFF},
-        {[&] { pin->change(next); }, {}, code(0x6900), 9, 0xFF},
-        {[&] { pin->login(p); }, {login, kOk}, 0, 10, 0xFF},
-        // The old PIN stays parked: both changes quote it.
-        {[&] { pin->change(next); }, {change, kOk}, 0, 10, 0xFF},
-        {[&] { pin->change(next); }, {change, kOk}, 0, 10, 0xFF},
-        {[&] { pin->change(TBytes(33, '1')); }, {}, code(0x6B00), 10, 0xFF},
-        {[&] { pin->logout(); }, {kLogout, "6D 01"}, 0, 10, 0},
-        {[&] { pin->change(next); }, {}, code(0x6900), 10, 0},
-        {[&] { pin->logout(); }, {kLogout, "01 01"}, 0, 10, 0},
-        {[&] { pin->logout(); }, {kLogout, "6E 01"}, 0, 10, 0},
-        {[&] { pin->logout(); }, {kLogout, "6D 02"}, code(0xFFFF), 10, 0},
-        {[&] { pin->login(TBytes(33, '1')); }, {}, code(0x6B00), 10, 0},
-        {[&] { pin->login(longest); }, {loginLongest, kOk}, 0, 10, 0xFF},
-    };
-    for (const auto& r : rows) {
-        play(r.exchange);
-        EXPECT_EQ(failureCode(r.call), r.code) << (r.exchange.empty() ? "" : r.exchange[0]);
-        EXPECT_EQ(info()[2], r.attemptsLeft);
-        EXPECT_EQ(info()[4], r.loginState);
-    }
+    run(sender,
+        {
+            // A try counts before the word is read; a failed login leaves no key.
+            {[&] { pin->login(p); }, {login, "6D A0"}, code(0x6300), 6, 0xFF},
+            {[&] { pin->change(next); }, {}, code(0x6900), 6, 0xFF},
+            {[&] { pin->login(p); }, {login, kOk}, 0, 10, 0xFF},
+            {[&] { pin->login(p); }, {login, "6D A4"}, code(0x6983), 9, 0xFF},
+            {[&] { pin->change(next); }, {}, code(0x6900), 9, 0xFF},
+            {[&] { pin->login(p); }, {login, kOk}, 0, 10, 0xFF},
+            // The old PIN stays parked: both changes quote it.
+            {[&] { pin->change(next); }, {change, kOk}, 0, 10, 0xFF},
+            {[&] { pin->change(next); }, {change, kOk}, 0, 10, 0xFF},
+            {[&] { pin->change(TBytes(33, '1')); }, {}, code(0x6B00), 10, 0xFF},
+            {[&] { pin->logout(); }, {kLogout, "6D 01"}, 0, 10, 0},
+            {[&] { pin->change(next); }, {}, code(0x6900), 10, 0},
+            {[&] { pin->logout(); }, {kLogout, "01 01"}, 0, 10, 0},
+            {[&] { pin->logout(); }, {kLogout, "6E 01"}, 0, 10, 0},
+            {[&] { pin->logout(); }, {kLogout, "6D 02"}, code(0xFFFF), 10, 0},
+            {[&] { pin->login(TBytes(33, '1')); }, {}, code(0x6B00), 10, 0},
+            {[&] { pin->login(longest); }, {loginLongest, kOk}, 0, 10, 0xFF},
+        },
+        pin);
     EXPECT_EQ(pin->encoding(), 2u);
 }
 
@@ -320,54 +282,22 @@ TEST_F(Gost, InformationAndLabel) {
     EXPECT_EQ(label->read(), hex("41 20 42"));
     EXPECT_TRUE(label->read().empty());
     EXPECT_EQ(sender.offered, (std::vector<std::size_t>{258, 258, 258, 258, 2, 0x105, 258, 258}));
-    const std::string shortRecord = "00" + bytes(22, "00") + kOk;
-    run({
-        {[&] { info->id(1); }, {kStatus, shortRecord}, code(0x6281)},
-        {[&] { applet->pin()->select({2}); }, {kStatus, shortRecord}, code(0x6281)},
-        {[&] { info->rnd(3); }, {"80 14 40 00 02 00 03 00", "A5 A5 90 00"}, code(0x6281)},
-        {[&] { label->write(hex("41 42")); }, {"80 17 20 00 02 41 42 02", kOk}, 0},
-        // No length check: the length byte wraps and the card answers.
-        {[&] { label->write(TBytes(0x101, 'A')); },
-         {"80 17 20 00 01" + bytes(0x101, "41") + "02", "6D 13"},
-         code(0x6B00)},
-        // The applet's check: more than 15 bytes with the status word.
-        {[&] { applet->init(); }, {kStatus, bytes(14, "00") + kOk}, 0},
-        {[&] { applet->init(); }, {kStatus, bytes(13, "00") + kOk}, code(0x6400)},
-    });
+    const std::string shortRecord = bytes(23, "00") + kOk;
+    run(sender,
+        {
+            {[&] { info->id(1); }, {kStatus, shortRecord}, code(0x6281)},
+            {[&] { applet->pin()->select({2}); }, {kStatus, shortRecord}, code(0x6281)},
+            {[&] { info->rnd(3); }, {"80 14 40 00 02 00 03 00", "A5 A5 90 00"}, code(0x6281)},
+            {[&] { label->write(hex("41 42")); }, {"80 17 20 00 02 41 42 02", kOk}, 0},
+            // No length check: the length byte wraps and the card answers.
+            {[&] { label->write(TBytes(0x101, 'A')); },
+             {"80 17 20 00 01 " + bytes(0x101, "41") + "02", "6D 13"},
+             code(0x6B00)},
+            // The applet's check: more than 15 bytes with the status word.
+            {[&] { applet->init(); }, {kStatus, bytes(14, "00") + kOk}, 0},
+            {[&] { applet->init(); }, {kStatus, bytes(13, "00") + kOk}, code(0x6400)},
+        });
     EXPECT_EQ(label->encoding(), 2u);
-}
-
-// Accepts only the GOST applet's selection and answers its status record;
-// refuses anything else.
-struct GostOnlyCard : ISender {
-    explicit GostOnlyCard(std::vector<std::string>* log) : log(log) {}
-    void send(const TBytes& command, TBytes& response) override {
-        const std::string c = toHex(command);
-        log->push_back(c);
-        const bool ours = c == kSelectAid + " " || c == kStatus + " ";
-        response = hex(ours ? status(0, 0, 0, 0) : "6A 82");
-    }
-    TBytes atr() override { return hex("3B D5 18 00 81 31 FE 7D 80 73 C8 21 10 F4"); }
-    std::vector<std::string>* log;
-};
-
-TEST(GostBind, TriedAfterEveryOtherJavaApplet) {
-    std::vector<std::string> log;
-    ::CToken token;
-    token.Attach(std::unique_ptr<ISender>(new GostOnlyCard(&log)));
-    EXPECT_EQ(token.AppletId(), 0x2202);
-    // The Java, Idprotect and DataStore applets this build has come first, in that order.
-    std::vector<std::string> expected;
-    for (const char* s : {"00 A4 04 00 07 A0 00 00 03 12 02 02 00 ",
-                          "00 A4 04 00 0C A0 00 00 01 64 4C 41 53 45 52 00 01 00 ",
-                          "00 A4 04 00 08 A0 00 00 04 48 00 03 01 00 "})
-        if (std::find(log.begin(), log.end(), s) != log.end()) expected.push_back(s);
-    expected.insert(expected.end(), {kSelectAid + " ", kStatus + " "});
-    EXPECT_EQ(log, expected);
-
-    log.clear();
-    EXPECT_TRUE(libapdu::CToken(std::make_unique<GostOnlyCard>(&log)).checkIfExist(0x2202));
-    EXPECT_EQ(log, std::vector<std::string>{kSelectAid + " "});
 }
 
 }  // namespace

@@ -1,19 +1,21 @@
-// The failure barrier of the exported calls, their handle checks, the reader state
-// mask, the APDU log, and CToken: the lock rule and a Pro session down to the APDUs.
+// The failure barrier of the exported calls, their handle checks, the APDU log,
+// the lock rule of CToken; the shared pointer and text conversion.
 #include "src/krfs/barrier.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <clocale>
 #include <fstream>
 #include <memory>
 #include <sstream>
 #include <string>
 
+#include "conv.h"
 #include "krfs.h"
+#include "sh_ptr.h"
 #include "src/Log.h"
 #include "src/Object/Object.h"
-#include "src/Readers/Readers.h"
 #include "src/Token/Token.h"
 #include "unit/scripted_sender.h"
 
@@ -49,19 +51,6 @@ TEST(Barrier, EveryEntryRefusesNullAndOtherKindsOfHandle) {
     EXPECT_EQ(KRReadersEnumOpen(nullptr), 0x80000003L);
     EXPECT_EQ(KRTokenBind(nullptr, "reader"), 0x80000003L);
     EXPECT_EQ(file.kind, static_cast<unsigned int>(eFile)) << "a refused handle is left alone";
-}
-
-TEST(Readers, UsableStateMaskAndNoSnapshot) {
-    // Present, in use by another, with pcsc-lite's event counter, with the ATR match bit.
-    for (unsigned long state : {0x020ul, 0x120ul, 0x10020ul, 0x060ul})
-        EXPECT_TRUE(CReaders::IsUsable(state)) << std::hex << state;
-    // Nothing, empty, mute, exclusive, ignore, unknown, unavailable, present and empty.
-    for (unsigned long state :
-         {0x000ul, 0x010ul, 0x220ul, 0x0A0ul, 0x021ul, 0x024ul, 0x028ul, 0x030ul})
-        EXPECT_FALSE(CReaders::IsUsable(state)) << std::hex << state;
-    CReaders r;
-    __tag_ReaderInf info;
-    EXPECT_EQ(krfs::Guard([&] { r.GetNext(&info); }), 0x00000103L);
 }
 
 TEST(Log, ExactLinesWholeApdusAndPathsThatCannotBeUsed) {
@@ -100,17 +89,21 @@ TEST(Log, ExactLinesWholeApdusAndPathsThatCannotBeUsed) {
     rmdir(dir);
 }
 
-// An R2 card that refuses every command with 6D 00.
-struct RefusingCard : ISender {
-    void send(const TBytes&, TBytes& r) override { r = {0x6D, 0x00}; }
-    TBytes atr() override { return hex("3B 81 1F 00 CC 52"); }
-};
+// A bound R2 token on a scripted card; R2 binds by its ATR alone.
+std::unique_ptr<::CToken> r2Token(ScriptedSender*& card) {
+    card = new ScriptedSender;  // the token owns it once attached
+    card->setAtr("3B 81 1F 00 CC 52");
+    auto t = std::make_unique<::CToken>();
+    t->Attach(std::unique_ptr<ISender>(card));
+    EXPECT_EQ(t->AppletId(), 0x1001);
+    return t;
+}
 
 // The lock rule aborts with the standard assertion text, in every build.
 TEST(SessionDeathTest, CallsAgainstTheLockRuleAbort) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    auto t = std::make_unique<::CToken>();
-    t->Attach(std::make_unique<RefusingCard>());
+    ScriptedSender* card;
+    auto t = r2Token(card);
     DWORD n = 0;
     EXPECT_DEATH(t->Login("1"),
                  "void CToken::Login\\(const char\\*\\): Assertion `IsLocked \\(\\)' failed");
@@ -122,58 +115,73 @@ TEST(SessionDeathTest, CallsAgainstTheLockRuleAbort) {
     EXPECT_DEATH(unbound.Lock(), "void CToken::Lock\\(\\): Assertion `IsBound \\(\\)' failed");
 }
 
-// One session on a Pro token of each model: login, change, logout.
-TEST(ProSession, LoginCountChangeAndLogoutOnEachModel) {
-    const struct {
-        const char* atr;
-        std::string change;  // the model's command
-    } models[] = {{"3B E2 00 FF C1 10 31 FE 55 C8 02 9C", "00 24 01 81 18 "},
-                  {"3B F2 18 00 00 C1 0A 31 FE 55 C8 06 00", "90 24 00 81 18 "}};
-    for (const auto& m : models) {
-        SCOPED_TRACE(m.atr);
-        auto* card = new ScriptedSender;  // the token owns it once attached
-        ProPinScript script{*card};
-        auto pinFile = [&](const std::string& counter) {
-            card->expect("00 CA 01 84 00", "90 00");
-            script.counter(false, 0, counter);
-            script.salt(false);
-        };
-        auto login = [&](const std::string& sw, const std::string& counter) {
-            pinFile(counter);
-            script.answer(false, 0x81, oracle::plainKey(kPin), sw);
-            script.counter(false, 0, counter);
-        };
-        // Bind's applet search: R2 refuses by the ATR alone, Pro runs its init.
-        card->setAtr(m.atr);
-        card->expect(kHome, kDirFcp);
-        card->expect("00 CA 01 83 00", "00 90 00");
-        card->expect("00 A4 00 00 00", kDirFcp);
-        card->expect(kFipsLabel, "6A 82");  // not FIPS
-        ::CToken token;
-        token.Attach(std::unique_ptr<ISender>(card));
-        ASSERT_EQ(token.AppletId(), 0x1002);
-        token.Lock();
+// A change needs a successful login of this session, still held; a refused
+// one is not sent.
+TEST(Session, OnlyASuccessfulLoginLetsAChangeThrough) {
+    ScriptedSender* card;
+    auto t = r2Token(card);
+    t->Lock();
+    const std::string login = "00 20 00 00 05 04 31 32 33 34", logout = "00 DC 00 00 01 00";
+    card->play({login, "16 64"});  // a wrong PIN, low byte first
+    EXPECT_EQ(krfs::Guard([&] { t->Login("1234"); }), 0x86E06300L);
+    EXPECT_EQ(krfs::Guard([&] { t->ChangePin("4321"); }), 0x86E06982L);
+    card->play({login, "00 90", "00 D4 00 00 05 04 34 33 32 31", "00 90", logout, "00 90"});
+    EXPECT_EQ(krfs::Guard([&] { t->Login("1234"); }), 0);
+    EXPECT_EQ(krfs::Guard([&] { t->ChangePin("4321"); }), 0);
+    card->play({logout, "00 90"});
+    EXPECT_EQ(krfs::Guard([&] { t->Logout(); }), 0);
+    EXPECT_EQ(krfs::Guard([&] { t->ChangePin("4321"); }), 0x86E06982L);
+}
 
-        EXPECT_EQ(krfs::Guard([&] { token.ChangePin("654321"); }), 0x86E06982L);
-        EXPECT_EQ(card->offered.size(), 4u) << "a change before any login sends nothing";
-
-        login("90 00", "0A 0A");
-        EXPECT_EQ(krfs::Guard([&] { token.Login("123456"); }), 0);
-        EXPECT_EQ(token.LoginCount(), 1u);
-        login("63 00", "0A 0A");
-        card->expect("00 D6 00 00 02 09 0A", "90 00");
-        EXPECT_EQ(krfs::Guard([&] { token.Login("123456"); }), 0x86E06300L);
-        EXPECT_EQ(token.LoginCount(), 1u) << "only a successful login counts";
-
-        pinFile("09 0A");
-        card->expect(kHome, kDirFcp);
-        card->expect(m.change + toHex(oracle::plainKey(kNewPin)), "90 00");
-        EXPECT_EQ(krfs::Guard([&] { token.ChangePin("654321"); }), 0);
-
-        card->expect("00 A4 00 00 00", kDirFcp);
-        EXPECT_EQ(krfs::Guard([&] { token.Logout(); }), 0);
-        EXPECT_EQ(token.LoginCount(), 0u);
+TEST(Support, SharedPointerSetMovesAllCopies) {
+    static int alive = 0;
+    struct Counted {
+        Counted() { ++alive; }
+        ~Counted() { --alive; }
+    };
+    Counted* first = new Counted;
+    {
+        sh_ptr<Counted> a(first), b(nullptr);
+        b = a;
+        a.set(new Counted);
+        EXPECT_EQ(b.use_count(), 2);
+        EXPECT_NE(b.get(), first) << "set reaches every copy";
+        EXPECT_EQ(alive, 2) << "and leaves the old target to its owner";
     }
+    EXPECT_EQ(alive, 1) << "the last copy deletes the current target";
+    delete first;
+}
+
+using libapdu::IConv;
+using libapdu::IConvert;
+
+TEST(Conv, LocaleTextAndTokenBytesByEncoding) {
+    IConv::init();  // must not override the locale set here
+    const std::string saved = std::setlocale(LC_ALL, nullptr);
+    ASSERT_NE(std::setlocale(LC_ALL, "C.UTF-8"), nullptr);
+    const std::string raw("\xE9t\xE9\x00x", 5);  // encoding 2, the locale's: unchanged
+    EXPECT_EQ(IConvert::string_to_bytes(raw, 2), TBytes(raw.begin(), raw.end()));
+    // Encoding 3, UTF-8: each char goes to mbtowc alone, so only ASCII passes...
+    EXPECT_EQ(IConvert::string_to_bytes("Tk 1", 3), (TBytes{'T', 'k', ' ', '1'}));
+    EXPECT_EQ(krfs::Guard([] { IConvert::string_to_bytes("\xC3\xA9", 3); }), 0x86E06281L);
+    EXPECT_EQ(IConvert::string_to_bytes("Tk 2", 3), (TBytes{'T', 'k', ' ', '2'}))
+        << "a failed lead byte leaves nothing behind";
+    // ...while UTF-8 from a token comes back whole, up to the first zero.
+    const TBytes label{0xC3, 0xA9, 't', 0, 'x'};
+    EXPECT_EQ(IConvert::bytes_to_string(label, 3), "\xC3\xA9t");
+    EXPECT_EQ(IConvert::bytes_to_wstring(label, 3), (std::wstring{0xE9, L't'}));
+    EXPECT_EQ(krfs::Guard([] { IConvert::bytes_to_wstring({0xFF, 0xFE}, 3); }), 0x86E06281L);
+    EXPECT_EQ(krfs::Guard([] { IConv::wchar2utf8(std::wstring{0xD800}); }), 0x86E06281L);
+    EXPECT_EQ(krfs::Guard([] { IConvert::bytes_to_string({'x'}, 4); }), 0x86E0FACEL);
+    EXPECT_EQ(krfs::Guard([] { IConvert::bytes_to_wstring({'a', 0xE9}, 2); }), 0x86E06281L);
+
+    ASSERT_NE(std::setlocale(LC_ALL, "C"), nullptr);
+    EXPECT_EQ(IConvert::bytes_to_wstring({'a', 'b', 0, 'c', 0}, 2), L"ab");
+    EXPECT_EQ(krfs::Guard([] { IConv::wchar2char(std::wstring{L'a', 0x20AC}); }), 0x86E06281L);
+    std::setlocale(LC_ALL, saved.c_str());
+
+    EXPECT_EQ(libapdu::base64_encode({'f', 'o', 0xFB, 0xFF, 0xBF}), "Zm/7/78=");
+    EXPECT_EQ(libapdu::base64_decode("Zm/7/78=\nYmFy"), (TBytes{'f', 'o', 0xFB, 0xFF, 0xBF}));
 }
 
 }  // namespace

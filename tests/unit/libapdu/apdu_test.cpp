@@ -1,5 +1,5 @@
-// Building and splitting command APDUs, the simple and BER TLV views, and status
-// word translation.
+// Building and splitting command APDUs, the simple and BER TLV views, status
+// word translation, and the table of known tokens by ATR.
 #include "libapdu/apdu.h"
 
 #include <gtest/gtest.h>
@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "libapdu/error.h"
+#include "libapdu/token_type.h"
 #include "unit/scripted_sender.h"
 
 namespace {
@@ -25,18 +26,16 @@ TEST(AddHelpers, NumbersGoBigEndianAndLengthsTakeTheirFormAtTheBoundaries) {
     EXPECT_EQ(out, hex("EE 1234 80 02 A1B2 01 0203"));
     // The length prefix of add_1, and of add_12 with escape FF, which takes the
     // escaped form one byte earlier; empty: refused, the output left alone.
-    const struct {
-        size_t size;
-        const char *add1, *add12;
-    } rows[] = {{0, "00", "00"},       {254, "FE", "FE"},        {255, "FF", "FF 00 FF"},
-                {256, "", "FF 01 00"}, {0xFFFF, "", "FF FF FF"}, {0x10000, "", ""}};
-    for (const auto& r : rows) {
-        const TBytes data(r.size, 0x5A);
+    const std::tuple<size_t, const char*, const char*> rows[] = {
+        {0, "00", "00"},       {254, "FE", "FE"},        {255, "FF", "FF 00 FF"},
+        {256, "", "FF 01 00"}, {0xFFFF, "", "FF FF FF"}, {0x10000, "", ""}};
+    for (const auto& [size, add1, add12] : rows) {
+        const TBytes data(size, 0x5A);
         TBytes one{0xEE}, twelve{0xEE};
-        EXPECT_EQ(failureCode([&] { D::add_1(one, data); }), *r.add1 ? 0 : code(0x6281));
-        EXPECT_EQ(failureCode([&] { D::add_12(twelve, data, 0xFF); }), *r.add12 ? 0 : code(0x6281));
-        EXPECT_EQ(one, *r.add1 ? cat({{0xEE}, hex(r.add1), data}) : TBytes{0xEE}) << r.size;
-        EXPECT_EQ(twelve, *r.add12 ? cat({{0xEE}, hex(r.add12), data}) : TBytes{0xEE}) << r.size;
+        EXPECT_EQ(failureCode([&] { D::add_1(one, data); }), *add1 ? 0 : code(0x6281));
+        EXPECT_EQ(failureCode([&] { D::add_12(twelve, data, 0xFF); }), *add12 ? 0 : code(0x6281));
+        EXPECT_EQ(one, *add1 ? cat({{0xEE}, hex(add1), data}) : TBytes{0xEE}) << size;
+        EXPECT_EQ(twelve, *add12 ? cat({{0xEE}, hex(add12), data}) : TBytes{0xEE}) << size;
     }
     TBytes tagged;  // the tagged forms put the tag first
     D::add_tag1(tagged, 0x81, {0x01});
@@ -269,18 +268,54 @@ TEST(StatusRaise, EveryDialectRaisesItsRewriteThenTheFoldForEveryWord) {
 TEST(StatusExtract, LastTwoBytesHighByteFirstButLowByteFirstOnR2) {
     libapdu::IAppError plain;
     libapdu::CErrorR2 r2;
-    const struct {
-        const char* response;
-        unsigned short plain, r2;
-    } rows[] = {
+    const std::tuple<const char*, unsigned short, unsigned short> rows[] = {
         {"", 0, 0}, {"90", 0, 0}, {"90 00", 0x9000, 0x0090}, {"01 02 6A 82", 0x6A82, 0x826A}};
-    for (const auto& r : rows) {
-        EXPECT_EQ(plain.extractSW(hex(r.response)), r.plain) << r.response;
-        EXPECT_EQ(r2.extractSW(hex(r.response)), r.r2) << r.response;
+    for (const auto& [response, highFirst, lowFirst] : rows) {
+        EXPECT_EQ(plain.extractSW(hex(response)), highFirst) << response;
+        EXPECT_EQ(r2.extractSW(hex(response)), lowFirst) << response;
     }
     EXPECT_EQ(failureCode([&] { r2.raiseSW(r2.extractSW(hex("AA 00 90"))); }), 0);
     IApplet applet;  // a response too short for a word is the unknown word
     EXPECT_EQ(failureCode([&] { applet.checkSW(hex("90")); }), code(0xFFFF));
+}
+
+using libapdu::TTokenType;
+
+// Anything longer, shorter or different is unknown.
+TEST(TokenType, EveryRowTakesItsOwnAtrAndTheMaskedBytesMayVary) {
+    // The row, its ATR, and the same with masked-out bytes changed.
+    const std::tuple<const TTokenType*, const char*, const char*> rows[] = {
+        {&TTokenType::TVandrelR2, "3B 81 1F 00 CC 52", nullptr},
+        {&TTokenType::TVandrelPro16, "3B E2 00 FF C1 10 31 FE 55 C8 02 9C", nullptr},
+        {&TTokenType::TVandrelPro32, "3B F2 98 00 FF C1 10 31 FE 55 C8 03 15", nullptr},
+        {&TTokenType::TVandrelPro42, "3B F2 18 00 00 C1 0A 31 FE 55 C8 06 00",
+         "3B F2 18 00 7E C1 0A 31 FE 55 C8 06 75"},
+        {&TTokenType::TVandrelPro42b, "3B F2 18 00 02 C1 0A 31 FE 58 C8 09 75", nullptr},
+        {&TTokenType::TVandrelJava10, "3B D5 18 00 81 31 FE 7D 80 73 C8 21 10 F4", nullptr},
+        {&TTokenType::TVandrelJava10b, "3B D5 18 00 81 31 3A 7D 80 73 C8 21 10 30", nullptr},
+        {&TTokenType::TAthenaIDProtect, "3B D5 00 FF 80 91 FE 1F C3 80 73 C8 21 10 00",
+         "3B D5 18 FF 8F 91 FE 1F C3 80 73 C8 21 1A 5A"},
+        {&TTokenType::TAthenaKestora,
+         "3B DC 18 FF 81 91 FE 1F C3 80 73 C8 21 13 66 01 06 11 59 00 01 28", nullptr},
+        {&TTokenType::TAthenaKestoraEMVT1,
+         "3B FC 13 00 FF 81 31 FE 45 80 73 C8 21 13 66 01 06 11 59 00 01 3A", nullptr},
+        {&TTokenType::TAthenaKestoraEMVT0, "3B 6C 00 FF 80 73 C8 21 13 66 01 06 11 59 00 01",
+         nullptr},
+        {&TTokenType::TAthenaKestoraLT,
+         "3B DC 18 FF 81 11 FE 80 73 C8 21 13 66 01 06 01 30 80 01 8D", nullptr},
+    };
+    for (const auto& [row, text, masked] : rows) {
+        const TBytes atr = hex(text);
+        EXPECT_EQ(&TTokenType::fromAtr(atr), row) << text;
+        EXPECT_EQ(&TTokenType::fromAtr(hex(masked ? masked : text)), row) << masked;
+        TBytes longer = atr, shorter = atr, other = atr;
+        longer.push_back(0x00);
+        shorter.pop_back();
+        other[1] ^= 0x01;
+        for (const TBytes& a : {longer, shorter, other})
+            EXPECT_EQ(&TTokenType::fromAtr(a), &TTokenType::TUnknown) << text;
+    }
+    EXPECT_EQ(&TTokenType::fromAtr({}), &TTokenType::TUnknown);
 }
 
 }  // namespace

@@ -6,8 +6,10 @@
 
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
+#include "token/appinfo/info_r2.h"
 #include "unit/scripted_sender.h"
 
 namespace {
@@ -26,74 +28,50 @@ const std::string kDir = "00 3F 02 00 00 00 00 00 00 90";
 const std::string kFile = "AA AA 01 00 23 01 00 00 00 90";
 const std::string kPrivate450 = "00 01 01 01 C2 01 00 00 00 90";
 
-std::string bytes(std::size_t n, const std::string& b) {
-    std::string out;
-    while (n--) out += b + " ";
-    return out;
-}
-
 struct R2 : ::testing::Test {
     R2() { sender.setAtr("3B 81 1F 00 CC 52"); }
-    std::vector<int> fields() {
-        const CFileInfo i = applet.fs()->info();
-        return {i.type, i.size, i.read, i.write};
-    }
     ScriptedSender sender;
     CAppletR2 applet{&sender};
 };
 
 TEST_F(R2, SelectSendsTheWholePathLowByteFirstAndReadsTheFlag) {
-    const struct {
-        TPath path;
-        std::string command, answer;
-        std::vector<int> info;
-    } rows[] = {
+    const std::tuple<TPath, std::string, std::string, std::vector<int>> rows[] = {
         {{}, kSelectRoot, kDir, {2, 0, 0, 1}},
         {{0x3F00}, kSelectRoot, kDir, {2, 0, 0, 1}},
         {{0x8000, 0xAAAA}, kSelectLabel, kFile, {1, 0x0123, 0, 1}},
         {{0x3F00, 0x0100}, kSelectFile, kPrivate450, {1, 450, 1, 1}},
     };
-    for (const auto& r : rows) {
-        sender.expect(r.command, r.answer);
-        applet.fs()->select(r.path);
-        EXPECT_EQ(fields(), r.info) << r.command;
+    for (const auto& [path, command, answer, info] : rows) {
+        sender.expect(command, answer);
+        applet.fs()->select(path);
+        EXPECT_EQ(fields(applet.fs()->info()), info) << command;
     }
 }
 
 TEST_F(R2, StatusWordsAreReadLowByteFirstAndRewrittenPerCommand) {
     const auto select = [&] { applet.fs()->select({0x0100}); };
-    const auto createFile = [&] { applet.fs()->create(0x1234, CFileInfo(1, 0x0123, 7, 1)); };
-    const auto removeFile = [&] { applet.fs()->remove(); };
-    const std::string create = "00 E0 00 00 06 01 07 23 01 34 12 00";
-    const std::string remove = "00 E2 00 00 01 01";
-    const struct {
-        std::function<void()> call;
-        std::string command, answer;
-        long code;
-    } rows[] = {
-        {select, kSelectFile, "07 64", code(0x6A82)},
-        {select, kSelectFile, "90 00", code(0xFFFF)},  // high byte first is an unknown word
-        {select, kSelectFile, "00 01 01 00 10 00 00 00 90", code(0x6281)},
-        {createFile, create, "08 64", code(0x6A89)},
-        {createFile, create, "82 69", code(0x6900)},
-        {createFile, create, kOk, 0},
-        {removeFile, remove, "06 64", code(0x6900)},
-        {removeFile, remove, "86 6F", code(0x6A82)},
-        {removeFile, remove, kOk, 0},
+    const auto create = [&](WORD id, CFileInfo info) {
+        return [=] { applet.fs()->create(id, info); };
     };
-    for (const auto& r : rows) {
-        sender.expect(r.command, r.answer);
-        EXPECT_EQ(failureCode(r.call), r.code) << r.command << " -> " << r.answer;
-    }
-}
-
-TEST_F(R2, CreateDirectoryAndRefusalsBeforeAnyCommand) {
-    sender.expect("00 E0 00 00 06 02 00 00 00 00 80 00", kOk);
-    applet.fs()->create(0x8000, CFileInfo(2, 0x55, 1, 1));
-    EXPECT_EQ(failureCode([&] { applet.fs()->create(0x3F00, CFileInfo(2, 0, 0, 1)); }),
-              code(0x6900));
-    EXPECT_EQ(failureCode([&] { applet.fs()->create(0x0001, CFileInfo(3, 0, 0, 1)); }),
-              code(0xFACE));
+    const auto removeFile = [&] { applet.fs()->remove(); };
+    const std::string newFile = "00 E0 00 00 06 01 07 23 01 34 12 00";
+    const std::string remove = "00 E2 00 00 01 01";
+    const auto createFile = create(0x1234, CFileInfo(1, 0x0123, 7, 1));
+    run(sender,
+        {
+            {select, {kSelectFile, "07 64"}, code(0x6A82)},
+            {select, {kSelectFile, "90 00"}, code(0xFFFF)},  // high byte first is an unknown word
+            {select, {kSelectFile, "00 01 01 00 10 00 00 00 90"}, code(0x6281)},
+            {createFile, {newFile, "08 64"}, code(0x6A89)},
+            {createFile, {newFile, "82 69"}, code(0x6900)},
+            {createFile, {newFile, kOk}, 0},
+            {create(0x8000, {2, 0x55, 1, 1}), {"00 E0 00 00 06 02 00 00 00 00 80 00", kOk}, 0},
+            {create(0x3F00, {2, 0, 0, 1}), {}, code(0x6900)},  // refused before any command
+            {create(0x0001, {3, 0, 0, 1}), {}, code(0xFACE)},
+            {removeFile, {remove, "06 64"}, code(0x6900)},
+            {removeFile, {remove, "86 6F"}, code(0x6A82)},
+            {removeFile, {remove, kOk}, 0},
+        });
 }
 
 TEST_F(R2, ListTakesIdentifiersAfterTwoBytesAndOnlyOnADirectory) {
@@ -141,35 +119,23 @@ TEST_F(R2, PinIsPlainAndChangeAlwaysLogsOut) {
     const TBytes p{'1', '2', '3', '4'};
     const std::string login = "00 20 00 00 05 04 31 32 33 34";
     const std::string change = "00 D4 00 00 05 04 31 32 33 34";
-    const struct {
-        std::function<void()> call;
-        std::vector<std::string> exchange;  // command, answer, command, answer...
-        long code;
-    } rows[] = {
-        {[&] { pin->login(p); }, {login, kOk}, 0},
-        {[&] { pin->login(p); }, {login, "16 64"}, code(0x6300)},
-        {[&] { pin->login(p); }, {login, "82 69"}, code(0x6300)},
-        {[&] { pin->login(p); }, {login, "83 69"}, code(0x6983)},
-        {[&] { pin->change(p); }, {change, kOk, kLogout, kOk}, 0},
-        {[&] { pin->change(p); }, {change, "16 64", kLogout, kOk}, code(0x6300)},
-        // Only login reads 0x6982 as a wrong PIN; change reports it as such.
-        {[&] { pin->change(p); }, {change, "82 69", kLogout, kOk}, code(0x6900)},
-        {[&] { pin->logout(); }, {kLogout, kOk}, 0},
-        {[&] { pin->unblock(p); }, {}, code(0xFACE)},
-        {[&] { pin->select({0x0002}); }, {}, code(0x6A82)},
-        {[&] { pin->select(pin->pathUser()); }, {}, 0},
-    };
-    for (const auto& r : rows) {
-        for (std::size_t i = 0; i + 1 < r.exchange.size(); i += 2)
-            sender.expect(r.exchange[i], r.exchange[i + 1]);
-        EXPECT_EQ(failureCode(r.call), r.code) << (r.exchange.empty() ? "" : r.exchange[0]);
-    }
+    run(sender, {
+                    {[&] { pin->login(p); }, {login, kOk}, 0},
+                    {[&] { pin->login(p); }, {login, "16 64"}, code(0x6300)},
+                    {[&] { pin->login(p); }, {login, "82 69"}, code(0x6300)},
+                    {[&] { pin->login(p); }, {login, "83 69"}, code(0x6983)},
+                    {[&] { pin->change(p); }, {change, kOk, kLogout, kOk}, 0},
+                    {[&] { pin->change(p); }, {change, "16 64", kLogout, kOk}, code(0x6300)},
+                    // Only login reads 0x6982 as a wrong PIN; change reports it as such.
+                    {[&] { pin->change(p); }, {change, "82 69", kLogout, kOk}, code(0x6900)},
+                    {[&] { pin->logout(); }, {kLogout, kOk}, 0},
+                    {[&] { pin->unblock(p); }, {}, code(0xFACE)},
+                    {[&] { pin->select({0x0002}); }, {}, code(0x6A82)},
+                    {[&] { pin->select(pin->pathUser()); }, {}, 0},
+                });
     EXPECT_EQ(pin->pathUser(), TPath{0x0001});
     EXPECT_TRUE(pin->pathAdmin().empty());
-    const CPinInfo i = pin->info();
-    EXPECT_EQ(
-        std::vector<int>({i.minLength, i.maxLength, i.attemptsLeft, i.attemptsTotal, i.loginState}),
-        std::vector<int>({4, 16, 0xFF, 0xFF, 0x0010}));
+    EXPECT_EQ(pinFields(pin->info()), std::vector<int>({4, 16, 0xFF, 0xFF, 0x0010}));
     EXPECT_EQ(pin->encoding(), 2u);
 }
 
@@ -196,6 +162,34 @@ TEST_F(R2, LabelIsAFileExactlyAsLongAsTheLabel) {
     EXPECT_EQ(failureCode([&] { applet.label()->write({'a', 0, 'b'}); }), code(0x6B00));
     EXPECT_EQ(failureCode([&] { applet.label()->write(TBytes(33, 'a')); }), code(0x6B00));
     EXPECT_EQ(applet.label()->encoding(), 2u);
+}
+
+TEST(R2Info, EveryOperationReadsItsFieldFromAFreshBlockOfAtLeastNineteenBytes) {
+    ScriptedSender sender;
+    ScriptedApplet applet{&sender};
+    CInfoR2* info = applet.install<CInfoR2>(applet.info_);
+    const char* kConfig = "00 DA 00 00 01 00 00";
+    // Identifier, version, total memory (LE), eight unused bytes, free memory (LE), colour.
+    const std::string block = "A1 A2 A3 A4 05 06 00 80 00 00 00 00 00 00 00 00 34 12 09";
+    const std::function<unsigned()> calls[] = {
+        [&] { return info->id(2) == hex("A1 A2 A3 A4") ? 1u : 0u; },
+        [&] { return info->version(7) == hex("05 06") ? 1u : 0u; },
+        [&] { return info->memoryTotal(); }, [&] { return info->memoryFree(); },
+        [&] { return info->color(); }};
+    const unsigned want[] = {1, 1, 0x8000, 0x1234, 9};
+    for (size_t i = 0; i < 5; ++i) {
+        sender.expect(kConfig, block + " EE 90 00");
+        EXPECT_EQ(calls[i](), want[i]) << i;
+        sender.expect(kConfig, block.substr(0, block.size() - 3) + " 90 00");  // a byte short
+        EXPECT_EQ(failureCode(calls[i]), code(0x6281)) << i;
+    }
+    sender.expect(kConfig, block + " EE 90 00");
+    EXPECT_EQ(info->config(), hex(block + " EE"));
+    EXPECT_EQ(sender.offered.back(), 258u);
+    sender.expect(kConfig, "6D 00");
+    EXPECT_EQ(failureCode([&] { info->id(0); }), code(0x6D00));
+    EXPECT_FALSE(info->isFips());  // and what R2 lacks, which sends nothing
+    EXPECT_EQ(failureCode([&] { info->rnd(8); }), code(0xFACE));
 }
 
 }  // namespace

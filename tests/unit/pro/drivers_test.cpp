@@ -1,11 +1,14 @@
-// The file-system drivers: the chunk loops of the base, and the Pro drivers
-// against a scripted card; the Pro label files on them.
+// The chunk loops of the file-system base, and the Pro file system, label and
+// information drivers against a scripted card.
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <tuple>
 #include <string>
 #include <vector>
 
 #include "token/appfs/fs_common.h"
+#include "token/appinfo/info_pro.h"
 #include "token/applabel/label_pro.h"
 #include "unit/scripted_sender.h"
 
@@ -37,28 +40,25 @@ struct BlockRecorder : CFSCommon {
 };
 
 TEST(ChunkLoop, ReadAndWriteCutTheSameBlocksRefuseWrapAndStopAtAFailure) {
-    const struct {
-        WORD bitSize;
-        std::size_t length;
-        WORD offset;
-        Blocks blocks;
-    } rows[] = {{255, 600, 0, {{255, 0}, {255, 255}, {90, 510}}},
-                {255, 0, 0x1234, {}},
-                {255, 300, 100, {{255, 100}, {45, 355}}},
-                {255, 256, 0xFF00, {{255, 0xFF00}, {1, 0xFFFF}}},
-                {0, 10, 0, {}}};
-    for (const auto& r : rows) {
-        SCOPED_TRACE(std::to_string(r.length) + " by " + std::to_string(r.bitSize));
-        BlockRecorder reader(r.bitSize), writer(r.bitSize);
-        TBytes data(r.length, 0xEE), source(r.length);
-        for (std::size_t i = 0; i < r.length; ++i) source[i] = i * 7;
-        reader.read(data, r.offset);
-        writer.write(source, r.offset);
-        EXPECT_EQ(reader.blocks, r.blocks);
-        EXPECT_EQ(writer.blocks, r.blocks);
-        ASSERT_EQ(data.size(), r.length);
-        if (r.blocks.empty()) continue;
-        for (std::size_t i = 0; i < r.length; ++i) ASSERT_EQ(data[i], (r.offset + i) & 0xFF);
+    const std::tuple<WORD, std::size_t, WORD, Blocks> rows[] = {
+        // block, length, offset
+        {255, 600, 0, {{255, 0}, {255, 255}, {90, 510}}},
+        {255, 0, 0x1234, {}},
+        {255, 300, 100, {{255, 100}, {45, 355}}},
+        {255, 256, 0xFF00, {{255, 0xFF00}, {1, 0xFFFF}}},
+        {0, 10, 0, {}}};
+    for (const auto& [block, length, offset, blocks] : rows) {
+        SCOPED_TRACE(std::to_string(length) + " by " + std::to_string(block));
+        BlockRecorder reader(block), writer(block);
+        TBytes data(length, 0xEE), source(length);
+        for (std::size_t i = 0; i < length; ++i) source[i] = i * 7;
+        reader.read(data, offset);
+        writer.write(source, offset);
+        EXPECT_EQ(reader.blocks, blocks);
+        EXPECT_EQ(writer.blocks, blocks);
+        ASSERT_EQ(data.size(), length);
+        if (blocks.empty()) continue;
+        for (std::size_t i = 0; i < length; ++i) ASSERT_EQ(data[i], (offset + i) & 0xFF);
         EXPECT_EQ(writer.written, source);
     }
     BlockRecorder fs(255);
@@ -87,7 +87,6 @@ std::string entries(std::initializer_list<unsigned> ids) {
     for (unsigned id : ids) out += (std::snprintf(b, sizeof b, "6F 04 86 02 %04X ", id), b);
     return out;
 }
-std::vector<int> fields(const CFileInfo& i) { return {i.type, i.size, i.read, i.write}; }
 
 // Both size tags, so that it serves CFSPro (0x81) and CFSPro4 (0x80).
 const std::string kFile16 = ok(fcp("82 01 01 81 02 00 10 80 02 00 10 86 02 00 11"));
@@ -97,43 +96,37 @@ struct ProFs : ProApplet {
         sender.expect(command, answer);
         fs->select(path);
     }
-    // Each change rewrites the 16-byte marker file; nullptr: the marker is missing.
+    // Each change rewrites the 16-byte marker file.
     void marker(const char* writeAnswer) {
-        sender.expect(kMarkerSelect, writeAnswer ? kFile16 : "6A 82");
-        if (writeAnswer) sender.expect("00 D6 00 00 10" + anyBytes(16), writeAnswer);
+        sender.expect(kMarkerSelect, kFile16).expect("00 D6 00 00 10" + anyBytes(16), writeAnswer);
     }
 };
 
 TEST_F(ProFs, SelectFormsAndTheHomeOfRelativePaths) {
-    const struct {
-        TPath path;
-        bool fips;
-        const char* command;
-        int fipsAsked;
-    } rows[] = {{{0x3F00}, true, "00 A4 00 00 00", 0},
-                {{}, false, "00 A4 08 00 02 66 66 00", 1},
-                {{}, true, "00 A4 08 00 04 66 66 50 00 00", 1},
-                {{0x000A}, true, "00 A4 08 00 06 66 66 50 00 00 0A 00", 1}};
-    for (const auto& r : rows) {
-        info->fips = r.fips;
+    const std::tuple<TPath, bool, const char*, int> rows[] = {
+        // FIPS, command, FIPS asked
+        {{0x3F00}, true, "00 A4 00 00 00", 0},
+        {{}, false, "00 A4 08 00 02 66 66 00", 1},
+        {{}, true, "00 A4 08 00 04 66 66 50 00 00", 1},
+        {{0x000A}, true, "00 A4 08 00 06 66 66 50 00 00 0A 00", 1}};
+    for (const auto& [path, fips, command, asked] : rows) {
+        info->fips = fips;
         info->asked = 0;
-        selected(r.path, r.command, kFile16);
-        EXPECT_EQ(info->asked, r.fipsAsked) << r.command;
+        selected(path, command, kFile16);
+        EXPECT_EQ(info->asked, asked) << command;
     }
     EXPECT_EQ(failureCode([&] { fs->select(TPath(128, 0x0101)); }), code(0x6B00));
 }
 
 TEST_F(ProFs, ControlDataWithMissingOrShortTagsKeepsDefaults) {
-    const struct {
-        std::string answer;
-        std::vector<int> pro;  // type, size, read, write
-        int pro4Size;
-    } rows[] = {{fcp("82 01 01 81 02 01 2C 80 02 00 07 86 02 11 22"), {1, 300, 0x11, 0x22}, 7},
-                {fcp("82 01 01 81 02 00 05 80 01 05 86 01 11"), {1, 5, 0x11, 0xFF}, 5},
-                {fcp("82 01 38 81 02 01 00 80 02 01 00 86 01 33"), {2, 0, 0, 0x33}, 0},
-                {fcp("81 02 00 10 86 02 11 22"), {0, 0, 0x11, 0x22}, 0},  // no descriptor
-                {fcp("82 01 01 81 00 80 00 86 00"), {1, 0, 0xFF, 0xFF}, 0},
-                {"6F 06 82 01 01 81 02 00", {1, 0, 0xFF, 0xFF}, 0}};  // size cut short
+    // The answer, and type, size, read and write from it; Pro4 reads the size from 0x80.
+    const std::tuple<std::string, std::vector<int>, int> rows[] = {
+        {fcp("82 01 01 81 02 01 2C 80 02 00 07 86 02 11 22"), {1, 300, 0x11, 0x22}, 7},
+        {fcp("82 01 01 81 02 00 05 80 01 05 86 01 11"), {1, 5, 0x11, 0xFF}, 5},
+        {fcp("82 01 38 81 02 01 00 80 02 01 00 86 01 33"), {2, 0, 0, 0x33}, 0},
+        {fcp("81 02 00 10 86 02 11 22"), {0, 0, 0x11, 0x22}, 0},  // no descriptor
+        {fcp("82 01 01 81 00 80 00 86 00"), {1, 0, 0xFF, 0xFF}, 0},
+        {"6F 06 82 01 01 81 02 00", {1, 0, 0xFF, 0xFF}, 0}};  // size cut short
     // Other containers, none, a container or a child past its end, a cut length,
     // an invalid tag first: all defaults.
     const char* broken[] = {"62 07 82 01 01 81 02 00 10", "",
@@ -142,11 +135,10 @@ TEST_F(ProFs, ControlDataWithMissingOrShortTagsKeepsDefaults) {
                             "6F 06 00 01 01 82 01 01"};
     for (bool pro4 : {false, true}) {
         if (pro4) fs = applet.install<CFSPro4>(applet.fs_);
-        for (const auto& r : rows) {
-            selected({0x3F00, 0x1234}, "00 A4 08 00 02 12 34 00", ok(r.answer));
-            std::vector<int> want = r.pro;
-            if (pro4) want[1] = r.pro4Size;
-            EXPECT_EQ(fields(fs->info()), want) << r.answer << (pro4 ? " on Pro4" : "");
+        for (auto [answer, want, pro4Size] : rows) {
+            selected({0x3F00, 0x1234}, "00 A4 08 00 02 12 34 00", ok(answer));
+            if (pro4) want[1] = pro4Size;
+            EXPECT_EQ(fields(fs->info()), want) << answer << (pro4 ? " on Pro4" : "");
         }
         for (const char* answer : broken) {
             selected({0x3F00, 0x1234}, "00 A4 08 00 02 12 34 00", ok(answer));
@@ -157,22 +149,19 @@ TEST_F(ProFs, ControlDataWithMissingOrShortTagsKeepsDefaults) {
 
 TEST_F(ProFs, CreateSendsTheTemplatesThenRewritesTheMarkerUnlessRefused) {
     const std::string file = "86 07 01 02 02 02 02 02 02", dir = "86 08 02 02 02 02 02 02 02 02";
-    const struct {
-        bool pro4;
-        int type;
-        std::string command;
-    } rows[] = {
+    const std::tuple<bool, int, std::string> rows[] = {
+        // Pro4, type, command
         {false, 1,
          "00 E0 00 00 1D 6F 1B 82 03 01 00 00 85 03 00 00 00 83 02 12 34 81 02 01 02 " + file},
         {false, 2,
          "00 E0 00 00 1E 6F 1C 82 03 38 00 00 85 03 00 00 00 83 02 12 34 81 02 00 00 " + dir},
         {true, 1, "00 E0 00 00 19 62 17 82 01 01 85 01 00 83 02 12 34 80 02 01 02 " + file},
         {true, 2, "00 E0 00 00 1A 62 18 82 01 38 85 01 00 83 02 12 34 81 02 00 00 " + dir}};
-    for (const auto& r : rows) {
-        if (r.pro4) fs = applet.install<CFSPro4>(applet.fs_);
-        sender.expect(r.command, "90 00");
+    for (const auto& [pro4, type, command] : rows) {
+        if (pro4) fs = applet.install<CFSPro4>(applet.fs_);
+        sender.expect(command, "90 00");
         marker("90 00");
-        fs->create(0x1234, CFileInfo(r.type, 0x0102, 0x01, 0x02));
+        fs->create(0x1234, CFileInfo(type, 0x0102, 0x01, 0x02));
     }
     EXPECT_EQ(sender.offered, (Sizes{258, 258, 2, 258, 258, 2, 258, 258, 2, 258, 258, 2}));
 
@@ -218,19 +207,17 @@ TEST_F(ProFs, ListAsksFromTheCountHeldAndKeepsWhatCameBeforeABrokenAnswer) {
     sender.expect("80 16 01 01 00", "6A 82");
     EXPECT_EQ(failureCode([&] { fs->list(1); }), code(0x6A82));
     EXPECT_EQ(sender.offered.back(), 258u);
-    const struct {  // broken answers keep what came before
-
-        std::string answer;
-        TPath kept;
-    } rows[] = {{entries({1, 2}) + "6F 09 86 02 00 03", {1, 2}},  // entry past the answer
-                {entries({1}) + "6F 02 86 02 00 03", {1}},        // id past its entry
-                {"6F 02 86 00" + entries({2}), {}},               // empty id
-                {entries({1}) + "00 00" + entries({2}), {1}},
-                {"6F", {}}};
-    for (const auto& r : rows) {
-        sender.expect("80 16 01 00 00", ok(r.answer));
-        if (!r.kept.empty()) sender.expect("80 16 01" + anyBytes(2), "90 00");
-        EXPECT_EQ(fs->list(1), r.kept) << r.answer;
+    const std::pair<std::string, TPath> rows[] = {
+        // broken answers keep what came before
+        {entries({1, 2}) + "6F 09 86 02 00 03", {1, 2}},  // entry past the answer
+        {entries({1}) + "6F 02 86 02 00 03", {1}},        // id past its entry
+        {"6F 02 86 00" + entries({2}), {}},               // empty id
+        {entries({1}) + "00 00" + entries({2}), {1}},
+        {"6F", {}}};
+    for (const auto& [answer, kept] : rows) {
+        sender.expect("80 16 01 00 00", ok(answer));
+        if (!kept.empty()) sender.expect("80 16 01" + anyBytes(2), "90 00");
+        EXPECT_EQ(fs->list(1), kept) << answer;
     }
 }
 
@@ -253,21 +240,18 @@ TEST_F(ProFs, ReadAndUpdateCutBlocksOf255WithExactBuffersWithinTheFileSize) {
     EXPECT_EQ(failureCode([&] { fs->read(four, 2); }), code(0x6282));
 
     selected({0x0001}, kMarkerSelect, ok(fcp("82 01 01 81 02 00 0A")));
-    const struct {
-        WORD offset;
-        std::size_t length;
-        bool inside;
-    } ranges[] = {{0, 10, true}, {10, 0, true},  {9, 1, true},      {11, 0, false},
-                  {5, 6, false}, {10, 1, false}, {0xFFFF, 1, false}};
-    for (const auto& r : ranges) {
-        char head[24];
-        std::snprintf(head, sizeof head, "%04X %02X", r.offset, static_cast<unsigned>(r.length));
-        TBytes data(r.length, 0x5A);
-        if (r.inside) sender.expect(std::string("00 B0 ") + head, ok(toHex(data)));
-        EXPECT_EQ(failureCode([&] { fs->read_bit(data, r.offset); }), r.inside ? 0 : code(0x6282))
+    const std::tuple<WORD, std::size_t, bool> ranges[] = {
+        // offset, length, inside
+        {0, 10, true}, {10, 0, true},  {9, 1, true},      {11, 0, false},
+        {5, 6, false}, {10, 1, false}, {0xFFFF, 1, false}};
+    for (const auto& [offset, length, inside] : ranges) {
+        const std::string head = apdu("%04X %02X ", offset, length);
+        TBytes data(length, 0x5A);
+        if (inside) sender.expect("00 B0 " + head, ok(toHex(data)));
+        EXPECT_EQ(failureCode([&] { fs->read_bit(data, offset); }), inside ? 0 : code(0x6282))
             << head;
-        if (r.inside) sender.expect(std::string("00 D6 ") + head + " " + toHex(data), "90 00");
-        EXPECT_EQ(failureCode([&] { fs->write_bit(data, r.offset); }), r.inside ? 0 : code(0x6A84))
+        if (inside) sender.expect("00 D6 " + head + toHex(data), "90 00");
+        EXPECT_EQ(failureCode([&] { fs->write_bit(data, offset); }), inside ? 0 : code(0x6A84))
             << head;
     }
 }
@@ -288,20 +272,17 @@ struct ProLabel : ProApplet {
 TEST_F(ProLabel, ReadsTheFileOfTheTokensFormFallingBackToTheLegacyOne) {
     const TBytes utf8 = text("\xD0\x9A\xD0\xBB\xD1\x8E\xD1\x87 1", 32),
                  legacy = text("Token A", 32);
-    const struct {
-        bool fips;
-        std::string first;   // the form's file
-        std::string answer;  // empty: there and read; else the legacy file is read
-        TBytes stored;
-    } rows[] = {{false, kUtf8File, "", utf8},
-                {false, kUtf8File, "69 82", legacy},
-                {true, kFipsLabel, "", utf8}};
-    for (const auto& r : rows) {
-        info->fips = r.fips;
-        if (!r.answer.empty()) sender.expect(r.first, r.answer);
-        sender.expect(r.answer.empty() ? r.first : kLegacyFile, fileFcp(32));
-        sender.expect("00 B0 00 00 20", toHex(r.stored) + "90 00");
-        EXPECT_EQ(label->read(), r.stored) << r.first << " " << r.answer;
+    // FIPS, the form's file, its refusal (none: it is read, else the legacy one), the text.
+    const std::tuple<bool, std::string, std::string, TBytes> rows[] = {
+        {false, kUtf8File, "", utf8},
+        {false, kUtf8File, "69 82", legacy},
+        {true, kFipsLabel, "", utf8}};
+    for (const auto& [fips, first, refusal, stored] : rows) {
+        info->fips = fips;
+        if (!refusal.empty()) sender.expect(first, refusal);
+        sender.expect(refusal.empty() ? first : kLegacyFile, fileFcp(32));
+        sender.expect("00 B0 00 00 20", toHex(stored) + "90 00");
+        EXPECT_EQ(label->read(), stored) << first << " " << refusal;
     }
     EXPECT_EQ(label->encoding(), 3u);
     info->fips = false;
@@ -315,22 +296,19 @@ TEST_F(ProLabel, WritesPaddedFormsThenStampsTheToken) {
         sender.expect("00 D6 00 00 20 " + toHex(content), "90 00");
     };
     const std::string full = "0123456789abcdefghijklmnopqrstuv";
-    const struct {
-        bool fips;
-        std::string label;
-        TBytes utf8, legacy;  // legacy empty: none on a FIPS token
-    } rows[] = {
+    // FIPS, the label, the UTF-8 file and the legacy one (none on a FIPS token).
+    const std::tuple<bool, std::string, TBytes, TBytes> rows[] = {
         {false, "Token A", text("Token A", 32), text("Token A", 32)},
         {false, full, text(full), text(full.substr(0, 31), 32)},  // the legacy one is cut
         {true, full, text(full), {}},
     };
-    for (const auto& r : rows) {
-        info->fips = r.fips;
-        written(r.fips ? kFipsLabel : kUtf8File, r.utf8);
-        if (!r.fips) written(kLegacyFile, r.legacy);
+    for (const auto& [fips, text8, utf8, legacy] : rows) {
+        info->fips = fips;
+        written(fips ? kFipsLabel : kUtf8File, utf8);
+        if (!fips) written(kLegacyFile, legacy);
         sender.expect(kMarkerSelect, fileFcp(16));
         sender.expect("00 D6 00 00 10" + anyBytes(16), "90 00");
-        label->write(text(r.label));
+        label->write(text(text8));
     }
     info->fips = false;  // a failed write stops where it is, without a stamp
     written(kUtf8File, text("A", 32));
@@ -339,6 +317,70 @@ TEST_F(ProLabel, WritesPaddedFormsThenStampsTheToken) {
     info->asked = 0;  // over 32 bytes: refused before even the FIPS question
     EXPECT_EQ(failureCode([&] { label->write(text(std::string(33, 'x'))); }), code(0x6B00));
     EXPECT_EQ(info->asked, 0);
+}
+
+constexpr unsigned kControl = 0x9C41264C;
+
+struct ProInfo : ProApplet {
+    CInfoPro* pro = applet.install<CInfoPro>(applet.info_);
+};
+
+TEST_F(ProInfo, IdentifierVersionMemoryRandomAndColourWithTheirFiles) {
+    sender.expectControl(kControl, "02 00 00 00", "11 22 33 44 55 66 77 88");
+    EXPECT_EQ(pro->id(1), hex("88 77 66 55")) << "from the reader";
+    sender.expect("00 CA 01 81 00", "00 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 90 00");
+    EXPECT_EQ(pro->id(2), hex("0A 0B 0C 0D 0E 0F"));
+    sender.expect("00 CA 01 82 00", "04 02 07 90 00");
+    EXPECT_EQ(pro->version(9), hex("04 02"));
+    sender.expect(kFipsLabel, kDirFcp);  // asked once; memory selects the FIPS home
+    sender.expect(kFipsHome, kDirFcp).expect("00 CA 01 8A 00", "01 00 90 00");
+    EXPECT_EQ(pro->memoryFree(), 256u);
+    sender.expect(kFipsHome, kDirFcp);
+    sender.expect("00 CA 01 89 00", "FF FF 01 00 90 00");
+    EXPECT_EQ(pro->memoryTotal(), 262144u);
+    sender.expect("00 84 00 00 F0", toHex(TBytes(240, 0xAB)) + "90 00");
+    sender.expect("00 84 00 00 01", "CD 90 00");
+    EXPECT_EQ(pro->rnd(241), cat({TBytes(240, 0xAB), {0xCD}}));
+    sender.expect("00 A4 08 00 06 66 66 50 00 00 0A 00", fileFcp(3));
+    sender.expect("00 B0 00 02 01", "05 90 00");
+    EXPECT_EQ(pro->color(), 5u);
+    EXPECT_EQ(sender.offered,
+              (std::vector<std::size_t>{8, 258, 258, 258, 258, 256, 258, 256, 242, 3, 258, 3}));
+
+    CInfoPro* plain = applet.install<CInfoPro>(applet.info_);
+    sender.expect(kFipsLabel, "69 82").expect("00 A4 08 00 06 66 66 10 00 00 06 00", "6A 82");
+    EXPECT_EQ(plain->color(), 0xFFFFFFFFu) << "any refusal of the label file: not FIPS";
+}
+
+TEST_F(ProInfo, AnswersTooShortGiveBadAnswerWithoutReadingPast) {
+    sender.expect(kFipsLabel, "6A 82");
+    EXPECT_FALSE(pro->isFips());
+    // Memory selects the home first; the command, an answer too short, the call.
+    const std::tuple<bool, const char*, const char*, std::function<void()>> rows[] = {
+        {false, "00 CA 01 81 00", "00 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 90 00",
+         [&] { pro->id(2); }},
+        {false, "00 CA 01 82 00", "01 90 00", [&] { pro->version(0); }},
+        {true, "00 CA 01 8A 00", "01 00 00 90 00", [&] { pro->memoryFree(); }},
+        {true, "00 CA 01 89 00", "00 00 01 90 00", [&] { pro->memoryTotal(); }},
+        {false, "00 84 00 00 08", "01 02 03 90 00", [&] { pro->rnd(8); }}};
+    for (const auto& [home, command, answer, call] : rows) {
+        if (home) sender.expect(kHome, kDirFcp);
+        sender.expect(command, answer);
+        EXPECT_EQ(failureCode(call), code(0x6281)) << command << " / " << answer;
+    }
+    // The configuration block through the reader: its length, then the block.
+    const std::string askLength = "01 00 00 00 C0 AA 00 00 00 00 03 00";
+    sender.expectControl(kControl, askLength, "01 02 00");
+    sender.expectControl(kControl, "01 00 00 00 C0 AA 00 00 01 00 03 01",
+                         toHex(TBytes(0x0102, 0x3C)) + "00");
+    EXPECT_EQ(pro->readCfg(), TBytes(0x0102, 0x3C));
+    const std::pair<const char*, const char*> broken[] = {
+        {"00 02", nullptr}, {"FF FF 00", nullptr}, {"00 02 00", "AA 00"}, {"00 02 00", "AA BB CC"}};
+    for (const auto& [length, block] : broken) {
+        sender.expectControl(kControl, askLength, length);
+        if (block) sender.expectControl(kControl, "01 00 00 00 C0 AA 00 00 01 00 03 00", block);
+        EXPECT_EQ(failureCode([&] { pro->readCfg(); }), code(0x6281)) << length;
+    }
 }
 
 }  // namespace
