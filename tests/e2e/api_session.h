@@ -15,6 +15,11 @@
 
 namespace krfs::e2e {
 
+// Result codes the stories meet.
+constexpr long kNoLogin = 0x86E06900L, kWrongPin = 0x86E06300L, kNoRoom = 0x86E06400L,
+               kTooLong = 0x86E06B00L, kExists = 0x86E06A89L, kNotFound = 0x86E06A82L;
+constexpr long kBadArgument = 0x80000003L, kNullPointer = 0x80000005L, kEnd = 0x80070103L;
+
 // A bound and locked session that ends with the test.
 class Session {
 public:
@@ -59,26 +64,52 @@ inline int count(const std::string& text, const std::string& what) {
     return n;
 }
 
-// The identifiers an enumeration of `dir` gives, checking that it ends as
-// enumerations end.
+// What an enumeration of `dir` gives, checking that it ends as enumerations end.
 template <typename Enum, typename Info>
-std::vector<WORD> list(__tag_HDir* dir, long (*open)(Enum**, __tag_HDir*),
+std::vector<Info> list(__tag_HDir* dir, long (*open)(Enum**, __tag_HDir*),
                        long (*next)(Enum*, Info*), long (*close)(Enum*)) {
-    std::vector<WORD> ids;
+    std::vector<Info> out;
     Enum* e = nullptr;
     EXPECT_EQ(open(&e, dir), 0);
     Info info;
     long rc;
-    while ((rc = next(e, &info)) == 0) ids.push_back(info.id);
-    EXPECT_EQ(rc, 0x80070103L);
+    while ((rc = next(e, &info)) == 0) out.push_back(info);
+    EXPECT_EQ(rc, kEnd);
     EXPECT_EQ(close(e), 0);
-    return ids;
-}
-inline std::vector<WORD> files(__tag_HDir* d) {
-    return list(d, KRFilesEnumOpen, KRFilesEnumNext, KRFilesEnumClose);
+    return out;
 }
 inline std::vector<WORD> dirs(__tag_HDir* d) {
-    return list(d, KRDirEnumOpen, KRDirEnumNext, KRDirEnumClose);
+    std::vector<WORD> ids;
+    for (const auto& i : list(d, KRDirEnumOpen, KRDirEnumNext, KRDirEnumClose)) ids.push_back(i.id);
+    return ids;
+}
+// A file as an enumeration reports it.
+struct Entry {
+    WORD id, size;
+    int isPrivate;
+    bool operator==(const Entry& o) const {
+        return id == o.id && size == o.size && isPrivate == o.isPrivate;
+    }
+};
+inline std::vector<Entry> entries(__tag_HDir* d) {
+    std::vector<Entry> out;
+    for (const auto& i : list(d, KRFilesEnumOpen, KRFilesEnumNext, KRFilesEnumClose))
+        out.push_back({i.id, i.size, i.isPrivate});
+    return out;
+}
+
+// A token made by krfs-vtoken init.
+inline harness::VTokenOptions madeToken(const char* dialect, const char* id, const char* userPin,
+                                        const char* label, std::vector<std::string> more = {}) {
+    harness::TokenInit init;
+    init.dialect = dialect;
+    init.id = id;
+    init.userPin = userPin;
+    init.label = label;
+    init.more = std::move(more);
+    harness::VTokenOptions o;
+    o.init = init;
+    return o;
 }
 
 // A token text (identifier, model, label) through its two calls: the size,
@@ -95,26 +126,6 @@ inline DWORD number(long (*get)(__tag_HToken*, DWORD*), __tag_HToken* h) {
     DWORD n = 0;
     EXPECT_EQ(get(h, &n), 0);
     return n;
-}
-
-// A file as an enumeration reports it.
-struct Entry {
-    WORD id, size;
-    int isPrivate;
-    bool operator==(const Entry& o) const {
-        return id == o.id && size == o.size && isPrivate == o.isPrivate;
-    }
-};
-inline std::vector<Entry> entries(__tag_HDir* dir) {
-    std::vector<Entry> out;
-    __tag_HFilesEnum* e = nullptr;
-    EXPECT_EQ(KRFilesEnumOpen(&e, dir), 0);
-    __tag_FileInfo i;
-    long rc;
-    while ((rc = KRFilesEnumNext(e, &i)) == 0) out.push_back({i.id, i.size, i.isPrivate});
-    EXPECT_EQ(rc, 0x80070103L);
-    EXPECT_EQ(KRFilesEnumClose(e), 0);
-    return out;
 }
 
 // The first `size` bytes of a file, or the result code as text.

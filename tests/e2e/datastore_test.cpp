@@ -1,6 +1,6 @@
 // A DataStore token through pcscd, exported API only: the tree kept in a
-// table record, whole-content writes, the delete-and-recreate path, the PIN,
-// the limits, and the krfs tool.
+// table record, whole-content writes, the delete-and-recreate path, the PIN
+// and the limits.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -16,10 +16,6 @@ namespace {
 using namespace krfs::harness;
 using namespace krfs::e2e;
 
-const long kNoLogin = 0x86E06900L;
-const long kWrongPin = 0x86E06300L;
-const long kNoRoom = 0x86E06400L;
-
 // Record commands as the APDU log shows them.
 const char kBegin[] = "C-APDU: 80 20 10 00";
 const char kWrite[] = "C-APDU: 80 20 40 00";
@@ -28,21 +24,12 @@ const char kFinishOver[] = "C-APDU: 80 20 50 00 03";
 const char kRead[] = "C-APDU: 80 20 30 00";
 const char kDelete[] = "C-APDU: 80 20 20 00";
 
-VTokenOptions dataStoreToken(const std::string& memory = "32768") {
-    TokenInit init;
-    init.dialect = "datastore";
-    init.id = "1122334455667788";
-    init.userPin = "12345678";
-    init.label = "datastore token";
-    init.more = {"--pin-tries", "4", "--pin-min", "6", "--pin-max", "12", "--memory", memory};
-    VTokenOptions o;
-    o.init = init;
-    return o;
-}
-
 TEST(DataStoreStory, TreeFilesPinLimitsAndRebind) {
     Pcscd pcscd;
-    VToken card(pcscd, 0, dataStoreToken());
+    VToken card(
+        pcscd, 0,
+        madeToken("datastore", "1122334455667788", "12345678", "datastore token",
+                  {"--pin-tries", "4", "--pin-min", "6", "--pin-max", "12", "--memory", "32768"}));
     ApduLog log;
     Session s(card.reader());
     ASSERT_NE(s.h, nullptr);
@@ -69,7 +56,7 @@ TEST(DataStoreStory, TreeFilesPinLimitsAndRebind) {
     EXPECT_EQ(KRTokenLogin(h, "00000000"), kWrongPin);
     EXPECT_EQ(number(KRTokenPinAttemptsGet, h), 3u);
     log.take();
-    EXPECT_EQ(KRTokenLogin(h, "1234567890123"), 0x86E06B00L);
+    EXPECT_EQ(KRTokenLogin(h, "1234567890123"), kTooLong);
     EXPECT_EQ(count(log.take(), "C-APDU: 80 10 10"), 0) << "longer than the maximum: never sent";
     ASSERT_EQ(KRTokenLogin(h, "12345678"), 0);
     EXPECT_EQ(number(KRTokenPinAttemptsGet, h), 4u);
@@ -106,9 +93,22 @@ TEST(DataStoreStory, TreeFilesPinLimitsAndRebind) {
 
     ASSERT_EQ(KRFileCreate(&priv, vendor, 0x1001, 16, 1), 0);
     ASSERT_EQ(writeText(priv, 0, "sixteen bytes..."), 0);
-    EXPECT_EQ(KRFileCreate(&priv, vendor, 0x1001, 16, 1), 0x86E06A89L);
-    __tag_HFile* refused = nullptr;
+    EXPECT_EQ(KRFileCreate(&priv, vendor, 0x1001, 16, 1), kExists);
+    __tag_HFile *refused = nullptr, *big = nullptr;
     EXPECT_EQ(KRFileCreate(&refused, vendor, 0x1002, 0x4001, 0), kNoRoom);
+
+    // No room left for a second copy of 16 KiB: the card answers the
+    // begin-update with 6F00, and the library deletes the record and makes it
+    // anew, under the number the card gives again.
+    ASSERT_EQ(KRFileCreate(&big, vendor, 0x1002, 0x4000, 0), 0);
+    EXPECT_EQ(KRFileCreate(&refused, vendor, 0x1003, 0x3800, 0), kNoRoom) << "above free memory";
+    const std::string bigData = pattern(0x4000);
+    log.take();
+    ASSERT_EQ(writeText(big, 0, bigData), 0);
+    trace = log.take();
+    EXPECT_EQ(count(trace, kBegin), 2) << trace;
+    EXPECT_EQ(count(trace, kDelete), 1) << trace;
+    EXPECT_EQ(count(trace, kFinishNew), 1) << trace;
 
     ASSERT_EQ(KRTokenLogout(h), 0);
     unsigned char sixteen[16];
@@ -135,9 +135,9 @@ TEST(DataStoreStory, TreeFilesPinLimitsAndRebind) {
     EXPECT_EQ(count(trace, kDelete), 1) << trace;
     EXPECT_EQ(count(trace, kFinishOver), 1) << trace;
     EXPECT_EQ(count(trace, kWrite), 9) << trace;
-    EXPECT_EQ(entries(vendor), (std::vector<Entry>{{0x1001, 16, 1}}));
+    EXPECT_EQ(entries(vendor), (std::vector<Entry>{{0x1001, 16, 1}, {0x1002, 0x4000, 0}}));
     EXPECT_EQ(KRDirDelete(root), kNoLogin) << "the root stays";
-    for (__tag_HFile* f : {pub, priv, inner}) EXPECT_EQ(KRFileClose(f), 0);
+    for (__tag_HFile* f : {pub, priv, inner, big}) EXPECT_EQ(KRFileClose(f), 0);
     for (__tag_HDir* d : {sub, vendor, root}) EXPECT_EQ(KRDirClose(d), 0);
 
     // A new binding finds the tree again from the card's records.
@@ -145,70 +145,15 @@ TEST(DataStoreStory, TreeFilesPinLimitsAndRebind) {
     ASSERT_EQ(KRTokenRebind(h), 0);
     EXPECT_EQ(KRTokenLock(h), 0);
     ASSERT_EQ(KRRootDirOpen(&vendor, h, 0xF001), 0);
-    EXPECT_EQ(entries(vendor), (std::vector<Entry>{{0x1001, 16, 1}}));
+    EXPECT_EQ(entries(vendor), (std::vector<Entry>{{0x1001, 16, 1}, {0x1002, 0x4000, 0}}));
     EXPECT_EQ(dirs(vendor), std::vector<WORD>{0x2001});
+    ASSERT_EQ(KRFileOpen(&big, vendor, 0x1002), 0);
+    EXPECT_EQ(readAll(big, 0x4000), bigData);
+    EXPECT_EQ(KRFileClose(big), 0);
     ASSERT_EQ(KRDirOpen(&sub, 0x2001, vendor), 0);
     EXPECT_EQ(entries(sub), (std::vector<Entry>{{0x0001, 8, 0}}));
     EXPECT_EQ(KRDirClose(sub), 0);
     EXPECT_EQ(KRDirClose(vendor), 0);
-}
-
-// A card that cannot hold a second copy of a file answers a begin-update
-// with 6F00; the library then deletes the record and makes it anew, and the
-// content survives.
-TEST(DataStoreStory, WriteWithoutRoomForTwoCopiesRecreatesTheRecord) {
-    Pcscd pcscd;
-    // Room for the root, the table, the vendor directory, a 12 KiB file and
-    // 4,000 bytes more: not for a second copy of the file.
-    VToken card(pcscd, 0, dataStoreToken("18400"));
-    Session s(card.reader());
-    ASSERT_NE(s.h, nullptr);
-    ASSERT_EQ(KRTokenLogin(s.h, "12345678"), 0);
-    __tag_HDir* vendor = nullptr;
-    ASSERT_EQ(KRRootDirOpen(&vendor, s.h, 0xF001), 0);
-    __tag_HFile *file = nullptr, *refused = nullptr;
-    ASSERT_EQ(KRFileCreate(&file, vendor, 0x0001, 0x3000, 0), 0);
-    EXPECT_EQ(KRFileCreate(&refused, vendor, 0x0002, 5000, 0), kNoRoom) << "above free memory";
-
-    ApduLog log;
-    const std::string data = pattern(0x3000);
-    ASSERT_EQ(writeText(file, 0, data), 0);
-    const std::string trace = log.take();
-    EXPECT_EQ(count(trace, kBegin), 2) << trace;
-    EXPECT_EQ(count(trace, kDelete), 1) << trace;
-    EXPECT_EQ(count(trace, kFinishNew), 1) << trace;
-    EXPECT_EQ(readAll(file, 0x3000), data);
-    EXPECT_EQ(KRFileClose(file), 0);
-    EXPECT_EQ(KRDirClose(vendor), 0);
-
-    // The card gave the freed number again, so the table still finds it.
-    EXPECT_EQ(KRTokenUnLock(s.h), 0);
-    ASSERT_EQ(KRTokenRebind(s.h), 0);
-    EXPECT_EQ(KRTokenLock(s.h), 0);
-    ASSERT_EQ(KRRootDirOpen(&vendor, s.h, 0xF001), 0);
-    ASSERT_EQ(KRFileOpen(&file, vendor, 0x0001), 0);
-    EXPECT_EQ(readAll(file, 0x3000), data);
-    EXPECT_EQ(KRFileClose(file), 0);
-    EXPECT_EQ(KRDirClose(vendor), 0);
-}
-
-TEST(DataStoreStory, TheKrfsToolWorksTheToken) {
-    Pcscd pcscd;
-    VToken card(pcscd, 0, dataStoreToken());
-    TempDir tmp("krfs-datastore-cli");
-    const std::string content = pattern(600), pin = "KRFS_PIN=12345678";
-    writeFile(tmp.file("notes"), content);
-    const Call calls[] = {
-        {"info", 0, "datastore token"},
-        {"--login --pin-env KRFS_PIN --vendor F001 put " + tmp.file("notes") + " 1234", 0, "", "",
-         pin},
-        {"--vendor F001 cat 1234", 0, content},
-        {"--vendor F001 rm 1234", 1, "0x86E06900"},
-    };
-    for (const Call& c : calls) krfsTool(c);
-    const std::string tree = krfsTool({"ls -l -R", 0, "600"});
-    for (const char* name : {"E001", "1234"})
-        EXPECT_NE(tree.find(name), std::string::npos) << name << " in\n" << tree;
 }
 
 }  // namespace
