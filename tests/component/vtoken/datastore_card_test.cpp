@@ -255,16 +255,9 @@ TEST(DataStoreCard, ShowDrawsBothTreesAsTheHostSeesThem) {
         {7, 0x4444, 0, {}},                                // 2000, a directory under the root
         {8, 0x4444, 0, Bytes(2)},                          // under record 6, a file: an orphan
     };
-    auto slot = [&s](std::size_t n, std::uint16_t parent, std::uint16_t name) {
-        const Bytes v{static_cast<unsigned char>(parent), static_cast<unsigned char>(parent >> 8),
-                      static_cast<unsigned char>(name), static_cast<unsigned char>(name >> 8)};
-        std::copy(v.begin(), v.end(), s.records[3].content.begin() + 4 * n);
-    };
-    slot(5, 0x3F00, 0x3F00);
-    slot(6, 7, 0x1000);
-    slot(7, 5, 0x2000);
-    slot(8, 6, 0x3000);
-    slot(9, 5, 0x4000);  // no record 9
+    // Slots 5 to 9 of the table, parent then name, low byte first: no record 9.
+    const Bytes slots = fromHex("00 3F 00 3F 07 00 00 10 05 00 00 20 06 00 00 30 05 00 00 40");
+    std::copy(slots.begin(), slots.end(), s.records[3].content.begin() + 4 * 5);
     const std::string shown = describe(s);
     for (const char* line : {
              "3F00                        record 0001  dir\n",
