@@ -226,7 +226,7 @@ TEST(ProPinDriver, UnblockUnderTheAdministratorGivesTheUserANewPin) {
     EXPECT_EQ(pin->info().loginState, 0x00FF);
 }
 
-TEST(ProApplet, StartUpFailuresAndTheOtherDialectsCard) {
+TEST(ProApplet, StartUpFailuresAndTheOtherDialectsCards) {
     vtoken::pro::ProCard card(vtoken::pro::personalise({}));
     vtoken::Faults faults;
     faults.refuse.push_back({{0x00, 0xCA, 0x01, 0x83}, 0x6A88});
@@ -235,6 +235,10 @@ TEST(ProApplet, StartUpFailuresAndTheOtherDialectsCard) {
     vtoken::r2::R2Card r2({});
     EXPECT_EQ(codeOf([&] { bindToken(r2, 0x1002); }), 0x86E0FACEL);
     EXPECT_EQ(codeOf([&] { bindToken(card, 0x1001); }), 0x86E0FACEL);
+    // The R2 driver on its own card reads the block through R2 status words.
+    const auto r2token = bindToken(r2, 0x1001);
+    EXPECT_EQ(r2token->info()->id(2), r2.state().id);
+    EXPECT_EQ(r2token->info()->memoryFree(), r2.state().memoryFree);
 
     // Another life cycle byte: no start-up command.
     card.state().lifeCycle = 0x20;
