@@ -1,6 +1,7 @@
 // The pieces every virtual token shares: transcripts, fault knobs, the
 // in-process sender and the vpcd framing.
-#include "component/pro/pro_token.h"
+#include "component/vtoken/card_script.h"
+#include "core/card_sender.h"
 #include "core/faults.h"
 #include "core/script_card.h"
 #include "core/vpcd.h"

@@ -3,16 +3,17 @@
 // fault knobs and stored state.
 #include "datastore/datastore_card.h"
 
+#include "component/vtoken/card_script.h"
 #include "core/state_json.h"
 #include "persist/token_file.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <sstream>
 #include <stdexcept>
 #include <string>
 
+namespace krfs::component {
 namespace {
 
 using vtoken::Bytes;
@@ -23,31 +24,6 @@ using namespace vtoken::datastore;
 const char* kSelect = "00 A4 04 00 08 A0 00 00 04 48 00 03 01 00";
 const char* kLogin = "80 10 10 00 06 00 04 31 32 33 34";
 const char* kStatus = "80 30 30 00 1E";
-
-std::string send(vtoken::ICard& card, const std::string& c) {
-    return toHex(card.process(fromHex(c)));
-}
-
-// Plays "COMMAND -> ANSWER  # why" lines; an answer "... SW" checks only the
-// status word.
-void play(vtoken::ICard& card, const std::string& transcript) {
-    std::istringstream in(transcript);
-    for (std::string line; std::getline(in, line);) {
-        line = line.substr(0, line.find('#'));
-        const auto arrow = line.find("->");
-        if (arrow == std::string::npos) {
-            EXPECT_EQ(line.find_first_not_of(" \t"), std::string::npos) << "no answer: " << line;
-            continue;
-        }
-        std::string expected = line.substr(arrow + 2);
-        std::string answer = send(card, line.substr(0, arrow));
-        if (const auto dots = expected.find("..."); dots != std::string::npos) {
-            expected.erase(0, dots + 3);
-            answer.erase(0, answer.size() - 5);
-        }
-        EXPECT_EQ(answer, toHex(fromHex(expected))) << line;
-    }
-}
 
 std::unique_ptr<vtoken::javacard::JavaCard> makeCard(std::size_t memory = 200) {
     Personalisation p;
@@ -69,8 +45,9 @@ DataStoreApplet& applet(vtoken::javacard::JavaCard& card) { return *card.find<Da
 TEST(DataStoreCard, RecordsLiveThroughTheUpdateBuffer) {
     auto card = makeCard();
     play(*card, R"(
-        80 30 30 00 1E -> 01 00 00 00 C8 00 C8 00 00 00 00 00 00 03 03 03 04 04 04 10 10 10 01 02 03 04 05 06 07 08 90 00
-        80 30 10 00 00 -> 44 53 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 90 00
+        80 30 30 00 1E -> 01 00 00 00 C8 00 C8 00 00 00 00 00 00 03 03 03 04 04 04 10 10 10 \
+          01 02 03 04 05 06 07 08 90 00
+        80 30 10 00 00 -> 44 53 20*30 90 00
         80 20 60 00 02 00 00 00 -> 90 00                 # no records
         80 20 10 00 02 00 04 00 -> 67 09                 # begin needs the user PIN
         80 20 20 00 02 00 01 00 -> 67 09
@@ -83,7 +60,7 @@ TEST(DataStoreCard, RecordsLiveThroughTheUpdateBuffer) {
         80 20 50 00 04 01 01 3F 3F 00 -> 00 01 90 00     # private, label 3F3F
         80 20 50 00 04 01 00 01 C0 00 -> 67 0A           # finish closed the buffer
         80 20 10 00 02 00 00 00 -> 90 00
-        80 20 50 00 04 01 00 01 C0 00 -> 00 02 90 00     # zero bytes: what the host takes for a directory
+        80 20 50 00 04 01 00 01 C0 00 -> 00 02 90 00     # empty: the host takes it for a directory
         80 20 60 00 02 00 00 00 -> 00 01 3F 3F 01 00 04 00 02 01 C0 00 00 00 90 00
         80 20 60 00 02 00 02 00 -> 00 02 01 C0 00 00 00 90 00
         80 20 60 00 02 00 03 00 -> 90 00
@@ -112,10 +89,10 @@ TEST(DataStoreCard, RecordsLiveThroughTheUpdateBuffer) {
         80 20 30 00 06 00 02 00 00 00 00 00 -> 90 00     # public without a login
         80 30 20 00 03 4E 65 77 02 -> 67 09
         80 10 10 00 06 00 04 31 32 33 34 -> 90 00
-        80 30 20 00 21 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 02 -> 67 0A
+        80 30 20 00 21 41*33 02 -> 67 0A
         80 30 20 00 03 4E 65 77 -> 67 0A                 # without its trailing 02
         80 30 20 00 03 4E 65 77 02 -> 90 00
-        80 30 10 00 00 -> 4E 65 77 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 20 90 00
+        80 30 10 00 00 -> 4E 65 77 20*29 90 00
         80 40 00 00 00 -> 6D 00
         80 20 70 00 02 00 00 00 -> 6D 00
         00 20 60 00 02 00 00 00 -> 6E 00
@@ -157,10 +134,11 @@ TEST(DataStoreCard, PinsCountWrongAttemptsUntilBlocked) {
     play(*card, R"(
         80 10 20 00 06 00 04 35 36 37 38 00 -> 67 09    # not verified
         80 10 20 00 04 01 02 35 36 00 -> 67 0A          # shorter than 4
-        80 10 20 00 15 01 13 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 00 -> 67 0A
+        80 10 20 00 15 01 13 41*19 00 -> 67 0A
         80 10 20 00 06 01 04 35 36 37 38 00 -> 90 00
         80 10 30 00 00 00 -> 90 00
-        80 30 30 00 1E -> 01 00 00 00 C8 00 C8 00 00 00 03 00 00 03 03 03 04 04 04 10 10 10 01 02 03 04 05 06 07 08 90 00
+        80 30 30 00 1E -> 01 00 00 00 C8 00 C8 00 00 00 03 00 00 03 03 03 04 04 04 10 10 10 \
+          01 02 03 04 05 06 07 08 90 00
         80 10 10 00 0A 01 08 38 37 36 35 34 33 32 31 -> 67 03
         80 10 10 00 06 01 04 35 36 37 38 -> 90 00
     )");
@@ -243,7 +221,8 @@ TEST(DataStoreCard, EveryChangeReachesTheStateFile) {
     play(*again.java(), kSelect + std::string(" -> 90 00\n") + kLogin + R"( -> 90 00
         80 20 30 00 06 00 01 00 00 00 02 00 -> AB CD 90 00
         80 20 60 00 02 00 00 00 -> 00 01 12 C0 01 00 02 90 00
-        80 30 30 00 1E -> 01 00 00 00 C8 00 B6 01 00 00 00 00 00 03 03 03 04 04 04 10 10 10 01 02 03 04 05 06 07 08 90 00
+        80 30 30 00 1E -> 01 00 00 00 C8 00 B6 01 00 00 00 00 00 03 03 03 04 04 04 10 10 10 \
+          01 02 03 04 05 06 07 08 90 00
     )");
     ::unlink(path.c_str());
     ::rmdir(dir);
@@ -276,16 +255,9 @@ TEST(DataStoreCard, ShowDrawsBothTreesAsTheHostSeesThem) {
         {7, 0x4444, 0, {}},                                // 2000, a directory under the root
         {8, 0x4444, 0, Bytes(2)},                          // under record 6, a file: an orphan
     };
-    auto slot = [&s](std::size_t n, std::uint16_t parent, std::uint16_t name) {
-        const Bytes v{static_cast<unsigned char>(parent), static_cast<unsigned char>(parent >> 8),
-                      static_cast<unsigned char>(name), static_cast<unsigned char>(name >> 8)};
-        std::copy(v.begin(), v.end(), s.records[3].content.begin() + 4 * n);
-    };
-    slot(5, 0x3F00, 0x3F00);
-    slot(6, 7, 0x1000);
-    slot(7, 5, 0x2000);
-    slot(8, 6, 0x3000);
-    slot(9, 5, 0x4000);  // no record 9
+    // Slots 5 to 9 of the table, parent then name, low byte first: no record 9.
+    const Bytes slots = fromHex("00 3F 00 3F 07 00 00 10 05 00 00 20 06 00 00 30 05 00 00 40");
+    std::copy(slots.begin(), slots.end(), s.records[3].content.begin() + 4 * 5);
     const std::string shown = describe(s);
     for (const char* line : {
              "3F00                        record 0001  dir\n",
@@ -300,3 +272,4 @@ TEST(DataStoreCard, ShowDrawsBothTreesAsTheHostSeesThem) {
 }
 
 }  // namespace
+}  // namespace krfs::component

@@ -1,21 +1,22 @@
 // The virtual Gost applet byte by byte on the Java card: its object store,
 // status record, PINs, label, memory accounting and state file.
 #include "gost/gost_applet.h"
+
+#include "component/vtoken/card_script.h"
+#include "core/state_json.h"
 #include "javacard/javacard.h"
 #include "persist/java_dialects.h"
 #include "persist/token_file.h"
-#include "core/state_json.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+namespace krfs::component {
 namespace {
 
 using vtoken::Bytes;
@@ -23,26 +24,6 @@ using vtoken::fromHex;
 using vtoken::toHex;
 using namespace vtoken::gost;
 using vtoken::javacard::JavaCard;
-
-struct Exchange {
-    std::string command;
-    std::string answer;
-    const char* why = "";
-};
-
-std::string send(JavaCard& card, const std::string& c) { return toHex(card.process(fromHex(c))); }
-
-void run(JavaCard& card, const std::vector<Exchange>& script) {
-    for (const auto& e : script)
-        EXPECT_EQ(send(card, e.command), toHex(fromHex(e.answer)))
-            << e.command.substr(0, 60) << ": " << e.why;
-}
-
-std::string repeat(const char* byte, std::size_t n) {
-    std::string out;
-    for (std::size_t i = 0; i < n; ++i) out += std::string(byte) + " ";
-    return out;
-}
 
 Personalisation smallToken() {
     Personalisation p;
@@ -62,124 +43,103 @@ std::unique_ptr<JavaCard> makeCard(const Personalisation& p = smallToken()) {
 }
 
 const char* kSelect = "00 A4 04 00 0A A0 00 00 04 48 01 01 01 06 02 00";
-const char* kOk = "90 00";
 const char* kStatus = "80 15 10 00 01 01";
 const char* kLogin = "80 10 20 00 08 01 06 31 32 33 34 35 36";
-const char* kLogout = "80 15 20 00 01 01";
-const char* kNewFile = "80 12 20 00 01 04 00";
-const char* kListFile = "80 12 10 00 01 01";
-const char* kTail = " 11 12 13 14 15 16 17 18 90 00";  // the identifier, then 9000
-
-// setAtr of `n` bytes of `byte` to attribute 11 of object 0104, with a
-// three-byte Lc.
-std::string setLongValue(std::size_t n, const char* byte) {
-    const std::size_t body = 8 + n;
-    char head[128];
-    std::snprintf(head, sizeof head, "80 13 30 00 00 %02zX %02zX 01 04 11 00 00 00 %02zX %02zX ",
-                  body >> 8, body & 0xFF, n >> 8, n & 0xFF);
-    return head + repeat(byte, n) + "00";
-}
 
 TEST(GostCard, ObjectStoreStory) {
     auto card = makeCard();
-    run(*card,
-        {
-            {kStatus, "69 99", "no applet selected yet"},
-            {"00 A4 04 00 03 A0 00 00 00", "6A 82", "an AID the card lacks"},
-            {kSelect, kOk},
-            {"00 A4 04 00 03 A0 00 00 00", "6A 82"},
-            {kStatus, std::string("00 01 00 00 00 00 03 00 00 03 88 03 00 00 00 00") + kTail,
-             "the unknown AID kept the applet; 1000 less three system objects"},
-            {kListFile, "01 00 03 01 00 01 01 01 01 01 02 02 90 00", "two PINs and the label"},
-            {kNewFile, "6D 10", "no login"},
-            {"80 10 20 00 05 01 03 31 31 31", "6D A0"},
-            {kLogin, kOk},
-            {kStatus, std::string("01 01 00 00 00 00 03 00 00 03 88 03 00 00 00 00") + kTail},
-            {kNewFile, "01 03 90 00"},
-            {kNewFile, "01 04 90 00"},
-            {"80 13 30 00 09 01 04 02 00 00 00 00 01 01 00", kOk, "0104 private"},
-            {setLongValue(300, "AB"), kOk, "a value beyond one Lc byte"},
-            {"80 13 30 00 0C 01 03 1E F1 00 80 00 04 00 3F 01 00 00", kOk, "a path 3F00 0001"},
-            {"80 13 20 00 06 01 03 1E F1 00 80 00", "01 03 80 00 F1 1E 00 04 00 3F 01 00 90 00",
-             "the id asked low byte first, answered big endian"},
-            {"80 13 40 00 02 01 03 00", "80 00 F1 1E 00 04 00 3F 01 00 90 00"},
-            {kLogout, kOk},
-            {kLogout, "6D 01", "nobody is logged in"},
-            {"80 13 20 00 06 01 04 11 00 00 00 00", "6D 82", "a private value"},
-            {"80 13 20 00 06 01 04 02 00 00 00 00", "01 04 00 00 00 02 00 01 01 90 00"},
-            {"80 13 40 00 02 01 04 00", "00 00 00 02 00 01 01 90 00", "the value left out"},
-            {"80 13 20 00 06 01 04 99 00 00 00 00", "6D 12"},
-            {"80 13 20 00 06 01 99 11 00 00 00 00", "6D 12"},
-            {"80 13 40 00 02 01 99 00", "6D 12"},
-            {kLogin, kOk},
-            {"80 13 20 00 06 01 04 11 00 00 00 00",
-             "01 04 00 00 00 11 01 2C " + repeat("AB", 300) + "90 00"},
-            {kStatus, std::string("01 01 00 00 00 00 05 00 00 01 FF 03 00 00 00 00") + kTail,
-             "1000 less 5 objects, 3 attributes and 305 value bytes"},
-            {setLongValue(812, "CD"), "6D 06", "one byte more than is free"},
-            {"80 13 20 00 06 01 04 11 00 00 00 00",
-             "01 04 00 00 00 11 01 2C " + repeat("AB", 300) + "90 00", "left as it was"},
-            {setLongValue(811, "CD"), kOk, "exactly what is free"},
-            {kStatus, std::string("01 01 00 00 00 00 05 00 00 00 00 03 00 00 00 00") + kTail},
-            {kNewFile, "6D 06"},
-            {"80 12 30 00 02 01 00 00", "6D 10", "a system object stays"},
-            {"80 13 30 00 09 01 02 02 00 00 00 00 01 01 00", "6D 10"},
-            {"80 12 30 00 02 01 99 00", "6D 12"},
-            {"80 12 30 00 02 01 04 00", kOk},
-            {kListFile, "01 00 04 01 00 01 01 01 01 01 02 02 01 03 04 90 00"},
-            {kNewFile, "01 04 90 00", "the smallest free handle again"},
-            {"80 13 40 00 02 01 04 00", kOk, "a new object has no attributes"},
-            {"80 17 10 00 01 01", "04 47 4F 53 54 " + repeat("20", 28) + "90 00"},
-            {"80 17 20 00 03 41 42 43 02", kOk},
-            {"80 17 10 00 01 01", "03 41 42 43 " + repeat("20", 29) + "90 00"},
-            {"80 14 40 00 02 00 00 00", kOk, "no random bytes asked"},
-        });
+    play(*card, R"(
+        80 15 10 00 01 01 -> 69 99                       # no applet selected yet
+        00 A4 04 00 03 A0 00 00 00 -> 6A 82              # an AID the card lacks
+        00 A4 04 00 0A A0 00 00 04 48 01 01 01 06 02 00 -> 90 00
+        00 A4 04 00 03 A0 00 00 00 -> 6A 82              # which keeps the applet
+        80 15 10 00 01 01                                # 1000 less three system objects
+          -> 00 01 00 00 00 00 03 00 00 03 88 03 00 00 00 00 11 12 13 14 15 16 17 18 90 00
+        80 12 10 00 01 01 -> 01 00 03 01 00 01 01 01 01 01 02 02 90 00  # two PINs, the label
+        80 12 20 00 01 04 00 -> 6D 10                    # no login
+        80 10 20 00 05 01 03 31 31 31 -> 6D A0
+        80 10 20 00 08 01 06 31 32 33 34 35 36 -> 90 00
+        80 12 20 00 01 04 00 -> 01 03 90 00
+        80 12 20 00 01 04 00 -> 01 04 90 00
+        80 13 30 00 09 01 04 02 00 00 00 00 01 01 00 -> 90 00           # 0104 private
+        80 13 30 00 00 01 34 01 04 11 00 00 00 01 2C AB*300 00 -> 90 00  # a three-byte Lc
+        80 13 30 00 0C 01 03 1E F1 00 80 00 04 00 3F 01 00 00 -> 90 00  # a path 3F00 0001
+        # the id asked low byte first, answered big endian
+        80 13 20 00 06 01 03 1E F1 00 80 00 -> 01 03 80 00 F1 1E 00 04 00 3F 01 00 90 00
+        80 13 40 00 02 01 03 00 -> 80 00 F1 1E 00 04 00 3F 01 00 90 00
+        80 15 20 00 01 01 -> 90 00
+        80 15 20 00 01 01 -> 6D 01                       # nobody is logged in
+        80 13 20 00 06 01 04 11 00 00 00 00 -> 6D 82     # a private value
+        80 13 20 00 06 01 04 02 00 00 00 00 -> 01 04 00 00 00 02 00 01 01 90 00
+        80 13 40 00 02 01 04 00 -> 00 00 00 02 00 01 01 90 00  # the value left out
+        80 13 20 00 06 01 04 99 00 00 00 00 -> 6D 12
+        80 13 20 00 06 01 99 11 00 00 00 00 -> 6D 12
+        80 13 40 00 02 01 99 00 -> 6D 12
+        80 10 20 00 08 01 06 31 32 33 34 35 36 -> 90 00
+        80 13 20 00 06 01 04 11 00 00 00 00 -> 01 04 00 00 00 11 01 2C AB*300 90 00
+        80 15 10 00 01 01                   # 1000 less 5 objects, 3 attributes, 305 value bytes
+          -> 01 01 00 00 00 00 05 00 00 01 FF 03 00 00 00 00 11 12 13 14 15 16 17 18 90 00
+        80 13 30 00 00 03 34 01 04 11 00 00 00 03 2C CD*812 00 -> 6D 06  # a byte more than free
+        80 13 20 00 06 01 04 11 00 00 00 00 -> 01 04 00 00 00 11 01 2C AB*300 90 00  # as it was
+        80 13 30 00 00 03 33 01 04 11 00 00 00 03 2B CD*811 00 -> 90 00  # exactly what is free
+        80 15 10 00 01 01
+          -> 01 01 00 00 00 00 05 00 00 00 00 03 00 00 00 00 11 12 13 14 15 16 17 18 90 00
+        80 12 20 00 01 04 00 -> 6D 06
+        80 12 30 00 02 01 00 00 -> 6D 10                 # a system object stays
+        80 13 30 00 09 01 02 02 00 00 00 00 01 01 00 -> 6D 10
+        80 12 30 00 02 01 99 00 -> 6D 12
+        80 12 30 00 02 01 04 00 -> 90 00
+        80 12 10 00 01 01 -> 01 00 04 01 00 01 01 01 01 01 02 02 01 03 04 90 00
+        80 12 20 00 01 04 00 -> 01 04 90 00              # the smallest free handle again
+        80 13 40 00 02 01 04 00 -> 90 00                 # a new object has no attributes
+        80 17 10 00 01 01 -> 04 47 4F 53 54 20*28 90 00
+        80 17 20 00 03 41 42 43 02 -> 90 00
+        80 17 10 00 01 01 -> 03 41 42 43 20*29 90 00
+        80 14 40 00 02 00 00 00 -> 90 00                 # no random bytes asked
+    )");
     const Bytes random = card->process(fromHex("80 14 40 00 02 00 20 00"));
     ASSERT_EQ(random.size(), 34u);
     EXPECT_EQ(toHex(Bytes(random.end() - 2, random.end())), "90 00");
     EXPECT_NE(Bytes(random.begin(), random.end() - 2), Bytes(32, random[0]));
 
     card->reset();
-    run(*card,
-        {
-            {kStatus, "69 99", "a reset forgets the selection"},
-            {kSelect, kOk},
-            {"80 13 20 00 06 01 03 1E F1 00 80 00", "01 03 80 00 F1 1E 00 04 00 3F 01 00 90 00"},
-            {kNewFile, "6D 10", "and the login"},
-            {kLogout, "6D 01"},
-        });
+    play(*card, R"(
+        80 15 10 00 01 01 -> 69 99                       # a reset forgets the selection
+        00 A4 04 00 0A A0 00 00 04 48 01 01 01 06 02 00 -> 90 00
+        80 13 20 00 06 01 03 1E F1 00 80 00 -> 01 03 80 00 F1 1E 00 04 00 3F 01 00 90 00
+        80 12 20 00 01 04 00 -> 6D 10                    # and the login
+        80 15 20 00 01 01 -> 6D 01
+    )");
 }
 
 TEST(GostCard, PinCountersBlockAndChange) {
     auto card = makeCard();
     send(*card, kSelect);
-    const std::string change33 = "80 10 10 00 26 01 02 21 39 39 " + repeat("31", 33);
-    const char* kChange33 = change33.c_str();  // a new PIN of 33 bytes
-    struct Step {
+    const std::string change33 = expand("80 10 10 00 26 01 02 21 39 39 31*33");
+    const struct {
         const char* command;
         const char* answer;
         const char* counters;  // status bytes 0 and 11 to 13
-    };
-    const Step steps[] = {
+    } steps[] = {
         {"80 10 20 00 04 01 02 39 39", "6D A0", "00 03 01 00"},
         {"80 10 20 00 04 00 02 39 39", "6D A0", "00 03 01 01"},
-        {kLogin, kOk, "01 03 00 01"},
+        {kLogin, "90 00", "01 03 00 01"},
         {"80 10 10 00 09 01 06 00 31 32 33 34 35 36", "6D 63", "01 03 00 01"},
-        {kChange33, "6D 63", "01 03 00 01"},
+        {change33.c_str(), "6D 63", "01 03 00 01"},  // a new PIN of 33 bytes
         {"80 10 10 00 09 01 02 04 39 39 39 39 39 39", "6D A0", "00 03 01 01"},
-        {"80 10 10 00 0D 01 06 04 31 32 33 34 35 36 39 39 39 39", kOk, "00 03 00 01"},
+        {"80 10 10 00 0D 01 06 04 31 32 33 34 35 36 39 39 39 39", "90 00", "00 03 00 01"},
         {kLogin, "6D A0", "00 03 01 01"},
-        {"80 10 20 00 06 01 04 39 39 39 39", kOk, "01 03 00 01"},
+        {"80 10 20 00 06 01 04 39 39 39 39", "90 00", "01 03 00 01"},
         {"80 10 20 00 04 00 02 39 39", "6D A0", "01 03 00 02"},
         {"80 10 20 00 04 00 02 39 39", "6D A4", "01 03 00 03"},
         {"80 10 20 00 08 00 06 36 35 34 33 32 31", "6D A4", "01 03 00 03"},
         {"80 10 10 00 09 00 06 00 36 35 34 33 32 31", "6D A4", "01 03 00 03"},
         {"80 10 20 00 05 01 06 31 32 33", "6D 13", "01 03 00 03"},
         {"80 10 20 00 04 02 02 39 39", "6D 13", "01 03 00 03"},
-        {kLogout, kOk, "00 03 00 03"},
+        {"80 15 20 00 01 01", "90 00", "00 03 00 03"},
     };
     for (const auto& s : steps) {
-        EXPECT_EQ(send(*card, s.command), toHex(fromHex(s.answer))) << s.command;
+        EXPECT_EQ(send(*card, s.command), s.answer) << s.command;
         const Bytes status = card->process(fromHex(kStatus));
         ASSERT_EQ(status.size(), 26u);
         EXPECT_EQ(toHex({status[0], status[11], status[12], status[13]}), s.counters) << s.command;
@@ -188,30 +148,31 @@ TEST(GostCard, PinCountersBlockAndChange) {
 
 TEST(GostCard, RefusesCommandsOfAnotherShape) {
     auto card = makeCard();
-    run(*card, {{kSelect, kOk}, {kLogin, kOk}, {kNewFile, "01 03 90 00"}});
-    const std::vector<Exchange> shapes = {
-        {"80 12 20 00 01 04", "6D 13", "no Le"},
-        {"80 12 20 00 01 03 00", "6D 13", "only data objects"},
-        {"80 12 20 01 01 04 00", "6D 13", "P2"},
-        {"80 12 10 00 01 01 00", "6D 13", "the list has no Le"},
-        {"80 12 10 00 01 02", "6D 13"},
-        {"80 13 30 00 09 01 03 02 00 00 00 00 02 01 00", "6D 13", "LL LL says 2, one follows"},
-        {"80 13 30 00 00 00 09 01 03 02 00 00 00 00 01 01", "6D 13", "no trailing 00"},
-        {"80 13 30 00 00 00 09 01 03 02 00 00 00 00 01 01 00", kOk, "a long Lc may be small"},
-        {"80 13 30 00 00 00 09 01 03 00", "6D 13", "a long Lc of more than follows"},
-        {"80 13 20 00 05 01 03 02 00 00 00", "6D 13"},
-        {"80 17 20 00 02 41 42", "6D 13", "a label ends in 02"},
-        {"80 17 20 00 01 41 42 02", "6D 13", "the length byte of a long label is cut"},
-        {"80 17 20 00 21 " + repeat("41", 33) + "02", "6D 13", "33 bytes"},
-        {"80 17 20 00 20 " + repeat("41", 32) + "02", kOk, "32 bytes"},
-        {"80 14 40 00 02 40 01 00", "6D 13", "more random bytes than one answer"},
-        {"80 15 10 00 01 01 00", "6D 13"},
-        {"00 12 10 00 01 01", "6D 00", "CLA 00"},
-        {"80 99 00 00", "6D 00"},
-        {"80 12 40 00 01 01", "6D 00"},
-        {"80 13", "6D 13"},
-    };
-    run(*card, shapes);
+    play(*card, R"(
+        00 A4 04 00 0A A0 00 00 04 48 01 01 01 06 02 00 -> 90 00
+        80 10 20 00 08 01 06 31 32 33 34 35 36 -> 90 00
+        80 12 20 00 01 04 00 -> 01 03 90 00
+        80 12 20 00 01 04 -> 6D 13                       # no Le
+        80 12 20 00 01 03 00 -> 6D 13                    # only data objects
+        80 12 20 01 01 04 00 -> 6D 13                    # P2
+        80 12 10 00 01 01 00 -> 6D 13                    # the list has no Le
+        80 12 10 00 01 02 -> 6D 13
+        80 13 30 00 09 01 03 02 00 00 00 00 02 01 00 -> 6D 13        # LL LL says 2, one follows
+        80 13 30 00 00 00 09 01 03 02 00 00 00 00 01 01 -> 6D 13     # no trailing 00
+        80 13 30 00 00 00 09 01 03 02 00 00 00 00 01 01 00 -> 90 00  # a long Lc may be small
+        80 13 30 00 00 00 09 01 03 00 -> 6D 13           # a long Lc of more than follows
+        80 13 20 00 05 01 03 02 00 00 00 -> 6D 13
+        80 17 20 00 02 41 42 -> 6D 13                    # a label ends in 02
+        80 17 20 00 01 41 42 02 -> 6D 13                 # the length byte of a long label
+        80 17 20 00 21 41*33 02 -> 6D 13                 # 33 bytes
+        80 17 20 00 20 41*32 02 -> 90 00                 # 32 bytes
+        80 14 40 00 02 40 01 00 -> 6D 13                 # more random bytes than one answer
+        80 15 10 00 01 01 00 -> 6D 13
+        00 12 10 00 01 01 -> 6D 00                       # CLA 00
+        80 99 00 00 -> 6D 00
+        80 12 40 00 01 01 -> 6D 00
+        80 13 -> 6D 13
+    )");
 }
 
 TEST(GostCard, PersonalisedFilesAreWhatTheHostWouldCreate) {
@@ -222,26 +183,24 @@ TEST(GostCard, PersonalisedFilesAreWhatTheHostWouldCreate) {
     const auto personalised = makeCard(p);
 
     // The host's create: objects first, then attributes, the size last.
-    Personalisation empty = smallToken();
-    empty.memory = 4000;
-    auto card = makeCard(empty);
+    p.files.clear();
+    auto card = makeCard(p);
+    play(*card, R"(
+        00 A4 04 00 0A A0 00 00 04 48 01 01 01 06 02 00 -> 90 00
+        80 10 20 00 08 01 06 31 32 33 34 35 36 -> 90 00
+        80 12 20 00 01 04 00 -> 01 03 90 00
+        80 12 20 00 01 04 00 -> 01 04 90 00
+        80 13 30 00 0A 01 03 DA BA 00 80 00 02 04 01 00 -> 90 00
+        80 13 30 00 09 01 04 02 00 00 00 00 01 01 00 -> 90 00
+        80 13 30 00 0E 01 03 1E F1 00 80 00 06 00 3F 00 10 01 00 00 -> 90 00
+        80 13 30 00 0C 01 04 11 00 00 00 00 04 DE AD BE EF 00 -> 90 00
+        80 13 30 00 0A 01 03 61 01 00 00 00 02 00 04 00 -> 90 00
+        80 12 20 00 01 04 00 -> 01 05 90 00
+        80 13 30 00 0C 01 05 1E F1 00 80 00 04 00 3F 02 00 00 -> 90 00
+        80 13 30 00 09 01 05 11 00 00 00 00 01 00 00 -> 90 00  # an empty file's zero byte
+        80 13 30 00 0A 01 05 61 01 00 00 00 02 00 00 00 -> 90 00
+    )");
     const GostState& s = card->find<GostApplet>()->state();
-    run(*card,
-        {
-            {kSelect, kOk},
-            {kLogin, kOk},
-            {kNewFile, "01 03 90 00"},
-            {kNewFile, "01 04 90 00"},
-            {"80 13 30 00 0A 01 03 DA BA 00 80 00 02 04 01 00", kOk},
-            {"80 13 30 00 09 01 04 02 00 00 00 00 01 01 00", kOk},
-            {"80 13 30 00 0E 01 03 1E F1 00 80 00 06 00 3F 00 10 01 00 00", kOk},
-            {"80 13 30 00 0C 01 04 11 00 00 00 00 04 DE AD BE EF 00", kOk},
-            {"80 13 30 00 0A 01 03 61 01 00 00 00 02 00 04 00", kOk},
-            {kNewFile, "01 05 90 00"},
-            {"80 13 30 00 0C 01 05 1E F1 00 80 00 04 00 3F 02 00 00", kOk},
-            {"80 13 30 00 09 01 05 11 00 00 00 00 01 00 00", kOk, "an empty file's zero byte"},
-            {"80 13 30 00 0A 01 05 61 01 00 00 00 02 00 00 00", kOk},
-        });
     EXPECT_EQ(toJson(s).dump(1), toJson(personalised->find<GostApplet>()->state()).dump(1));
     const std::string shown = describe(s);
     for (const char* text : {"3F00/1000/0001  4 bytes  private", "3F00/0002  0 bytes  public",
@@ -250,34 +209,30 @@ TEST(GostCard, PersonalisedFilesAreWhatTheHostWouldCreate) {
 }
 
 TEST(GostCard, StateFileFollowsEveryChangeButNotTheSession) {
-    char dir[] = "/tmp/krfs-gostcard-XXXXXX";
-    ASSERT_NE(::mkdtemp(dir), nullptr);
-    const std::string path = std::string(dir) + "/gost.json";
-    vtoken::writeNewState(path, vtoken::javacard::toJsonText(*makeCard(), "gost"), false);
-    vtoken::StoredToken token(path);
+    StateFile file;
+    vtoken::writeNewState(file.path, vtoken::javacard::toJsonText(*makeCard(), "gost"), false);
+    vtoken::StoredToken token(file.path);
     JavaCard& card = *token.java();
-    run(card, {
-                  {kSelect, kOk},
-                  {"80 10 20 00 04 00 02 39 39", "6D A0"},
-                  {kLogin, kOk},
-                  {kNewFile, "01 03 90 00"},
-                  {"80 13 30 00 0A 01 03 11 00 00 00 00 02 AB CD 00", kOk},
-                  {"80 17 20 00 01 5A 02", kOk},
-              });
-    const std::string saved = vtoken::readTextFile(path);
+    play(card, R"(
+        00 A4 04 00 0A A0 00 00 04 48 01 01 01 06 02 00 -> 90 00
+        80 10 20 00 04 00 02 39 39 -> 6D A0
+        80 10 20 00 08 01 06 31 32 33 34 35 36 -> 90 00
+        80 12 20 00 01 04 00 -> 01 03 90 00
+        80 13 30 00 0A 01 03 11 00 00 00 00 02 AB CD 00 -> 90 00
+        80 17 20 00 01 5A 02 -> 90 00
+    )");
+    const std::string saved = vtoken::readTextFile(file.path);
     EXPECT_EQ(saved, vtoken::javacard::toJsonText(card, "gost")) << "the last change is on file";
-    ::unlink(path.c_str());
-    ::rmdir(dir);
 
     auto again = vtoken::javacard::fromJsonText(saved, "gost", &vtoken::loadApplet);
     EXPECT_EQ(vtoken::javacard::toJsonText(*again, "gost"), saved);
-    send(*again, kSelect);
-    EXPECT_EQ(
-        send(*again, kStatus),
-        toHex(fromHex(std::string("00 01 00 00 00 00 04 00 00 03 5E 03 00 01 00 00") + kTail)))
-        << "logged out; 1000 - 4 * 32 - 8 - 2 free; one wrong administrator PIN";
-    EXPECT_EQ(send(*again, "80 17 10 00 01 01"),
-              toHex(fromHex("01 5A " + repeat("20", 31) + "90 00")));
+    // Logged out; 1000 - 4 * 32 - 8 - 2 free; one wrong administrator PIN.
+    play(*again, R"(
+        00 A4 04 00 0A A0 00 00 04 48 01 01 01 06 02 00 -> 90 00
+        80 15 10 00 01 01
+          -> 00 01 00 00 00 00 04 00 00 03 5E 03 00 01 00 00 11 12 13 14 15 16 17 18 90 00
+        80 17 10 00 01 01 -> 01 5A 20*31 90 00
+    )");
 
     const auto state = [&](const std::string& field) {
         auto j = nlohmann::ordered_json::parse(saved)["applets"][0]["state"];
@@ -285,22 +240,22 @@ TEST(GostCard, StateFileFollowsEveryChangeButNotTheSession) {
         for (auto& [k, v] : patch.items()) j[k] = v;
         return j;
     };
-    for (const char* bad : {
+    for (const std::string& bad : std::vector<std::string>{
              R"("objects": [{"handle": "0100", "type": 1}, {"handle": "0100", "type": 4}])",
              R"("objects": [{"handle": "0050", "type": 4}])",
              R"("objects": [{"handle": "0100", "type": 4, "attributes": [)"
              R"({"id": "00000011", "value": "01"}, {"id": "00000011", "value": "02"}]}])",
              R"("user_pin": {"pin": "31", "wrong": 4})",
              R"("admin_pin": {"pin": "", "wrong": 0})",
-             R"("label": ")"
-             "41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 41 "
-             R"(41 41 41 41 41 41 41 41 41 41 41")",
+             R"("label": ")" + expand("41*33") + "\"",
              R"("id": "01 02")",
          })
         EXPECT_THROW(fromJson(state(bad)), std::invalid_argument) << bad;
 }
 
 TEST(GostCard, PersonaliseRefusesWhatTheCardCouldNotHold) {
+    // 3 system objects, a private file's two, and its 5 attributes.
+    const std::size_t fitsExactly = 5 * 32 + 5 * 8 + 2 + 4 + 2 + 1 + 2;
     const std::vector<std::function<void(Personalisation&)>> faults = {
         [](Personalisation& p) { p.triesTotal = 0; },
         [](Personalisation& p) { p.userPin = ""; },
@@ -316,9 +271,8 @@ TEST(GostCard, PersonaliseRefusesWhatTheCardCouldNotHold) {
         [](Personalisation& p) {
             p.files = {{{0x3F00, 1}, Bytes(0x4001, 0), false}};
         },
-        // 3 system objects, a private file's two, and its 5 attributes, less a byte.
-        [](Personalisation& p) {
-            p.memory = 5 * 32 + 5 * 8 + 2 + 4 + 2 + 1 + 2 - 1;
+        [&](Personalisation& p) {
+            p.memory = fitsExactly - 1;
             p.files = {{{0x3F00, 1}, Bytes(2, 0), true}};
         },
     };
@@ -328,7 +282,7 @@ TEST(GostCard, PersonaliseRefusesWhatTheCardCouldNotHold) {
         EXPECT_THROW(personalise(p), std::invalid_argument) << "fault " << i;
     }
     Personalisation fits = smallToken();
-    fits.memory = 5 * 32 + 5 * 8 + 2 + 4 + 2 + 1 + 2;
+    fits.memory = fitsExactly;
     fits.files = {{{0x3F00, 1}, Bytes(2, 0), true}};
     EXPECT_EQ(personalise(fits).memoryFree(), 0u);
     EXPECT_EQ(parsePath("1000/a0B1"), (Path{0x3F00, 0x1000, 0xA0B1}));
@@ -337,3 +291,4 @@ TEST(GostCard, PersonaliseRefusesWhatTheCardCouldNotHold) {
 }
 
 }  // namespace
+}  // namespace krfs::component

@@ -1,46 +1,22 @@
 // The virtual Pro card byte by byte, and its stored state. Keys and challenge
 // answers are made here with the library's toolkit, which shares nothing with
 // the card's OpenSSL recipes.
+#include "component/vtoken/card_script.h"
 #include "crypto/token_crypto.h"
 #include "pro/pro_card.h"
 #include "pro/pro_crypto.h"
 
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <string>
 
+namespace krfs::component {
 namespace {
 
 using vtoken::Bytes;
 using vtoken::fromHex;
 using vtoken::toHex;
 using namespace vtoken::pro;
-
-// Plays `transcript` to `card`: an exchange "COMMAND -> ANSWER" in hex a line
-// (the arrow may begin the next line), '#' starting a comment, KEY standing
-// for `key`. An answer written "... SW1 SW2" is checked by its status word.
-void play(vtoken::ICard& card, const std::string& transcript, const Bytes& key = {}) {
-    std::istringstream in(transcript);
-    std::string exchange;
-    for (std::string line; std::getline(in, line);) {
-        exchange += line.substr(0, line.find('#'));
-        if (const auto at = exchange.find("KEY"); at != std::string::npos)
-            exchange.replace(at, 3, toHex(key));
-        const auto arrow = exchange.find("->");
-        if (arrow == std::string::npos) continue;
-        const std::string command = exchange.substr(0, arrow);
-        std::string expected = exchange.substr(arrow + 2);
-        exchange.clear();
-        std::string answer = toHex(card.process(fromHex(command)));
-        if (const auto dots = expected.find("..."); dots != std::string::npos) {
-            expected.erase(0, dots + 3);
-            answer.erase(0, answer.size() < 5 ? 0 : answer.size() - 5);
-        }
-        EXPECT_EQ(answer, toHex(fromHex(expected))) << command;
-    }
-    EXPECT_EQ(exchange.find_first_not_of(" \t\r"), std::string::npos) << "no answer: " << exchange;
-}
 
 ProCard makeCard(Model model) {
     Personalisation p;
@@ -237,3 +213,4 @@ TEST(ProStateJson, BrokenStatesAreRefused) {
 }
 
 }  // namespace
+}  // namespace krfs::component
