@@ -2,6 +2,7 @@
 
 #include "gost/gost_applet.h"
 #include "datastore/datastore_card.h"
+#include "idprotect/idprotect_applet.h"
 
 #include <stdexcept>
 
@@ -21,6 +22,7 @@ const std::vector<JavaDialect>& dialects() {
     static const std::vector<JavaDialect> table = {
         {"gost", &gost::install},
         {"datastore", &datastore::install},
+        {"idprotect", &idprotect::install},
     };
     return table;
 }
@@ -29,6 +31,7 @@ const std::vector<AppletKind>& kinds() {
     static const std::vector<AppletKind> table = {
         {"gost", &gost::load},
         {"datastore", &datastore::load},
+        {"idprotect", &idprotect::load},
     };
     return table;
 }

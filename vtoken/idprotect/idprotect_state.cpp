@@ -1,0 +1,334 @@
+#include "idprotect/idprotect_state.h"
+
+#include "core/state_json.h"
+
+#include <openssl/rand.h>
+
+#include <cstdio>
+#include <map>
+#include <sstream>
+#include <stdexcept>
+
+namespace vtoken::idprotect {
+
+using json = nlohmann::ordered_json;
+
+namespace {
+
+// Deeper trees are refused when a state is read back.
+constexpr int kDepthMax = 16;
+
+std::string hexNumber(unsigned long n, int digits) {
+    char text[16];
+    std::snprintf(text, sizeof text, "%0*lX", digits, n);
+    return text;
+}
+
+std::string pathText(const Path& path) {
+    std::string text;
+    for (std::uint16_t id : path) text += (text.empty() ? "" : "/") + hexNumber(id, 4);
+    return text;
+}
+
+// Tag 86 as the host's create templates spell it: 00 before each condition.
+Bytes accessOf(std::initializer_list<unsigned char> conditions) {
+    Bytes out;
+    for (unsigned char c : conditions) out.insert(out.end(), {0x00, c});
+    return out;
+}
+
+Node dir(std::uint16_t id, Bytes access) {
+    Node n;
+    n.isDir = true;
+    n.id = id;
+    n.access = std::move(access);
+    return n;
+}
+
+Bytes randomId() {
+    Bytes id(8);
+    if (RAND_bytes(id.data(), static_cast<int>(id.size())) != 1)
+        throw std::runtime_error("no random bytes from OpenSSL");
+    return id;
+}
+
+Bytes pinOf(const std::string& text, const char* what) {
+    if (text.size() < kPinMin || text.size() > kPinMax)
+        throw std::invalid_argument(std::string(what) + " has 4 to 16 bytes");
+    return Bytes(text.begin(), text.end());
+}
+
+bool knownLoginType(unsigned type) {
+    return type == kLoginPin || type == kLoginFinger || type == kLoginPinOrFinger ||
+           type == kLoginPinAndFinger;
+}
+
+json nodeToJson(const Node& n) {
+    json j = {{"id", hexNumber(n.id, 4)},
+              {"type", n.isDir ? "dir" : "file"},
+              {"access", toHex(n.access)}};
+    if (!n.isDir) {
+        j["content"] = toHex(n.content);
+        return j;
+    }
+    if (!n.name.empty()) j["name"] = toHex(n.name);
+    json children = json::array();
+    for (const auto& c : n.children) children.push_back(nodeToJson(c));
+    j["children"] = children;
+    return j;
+}
+
+Node nodeFromJson(const json& j, int depth) {
+    if (!j.is_object()) throw std::invalid_argument("node: not an object");
+    if (depth > kDepthMax) throw std::invalid_argument("tree: too deep");
+    const Bytes id = hexField(j.value("id", json()), "node.id", 2);
+    Node n;
+    n.id = static_cast<std::uint16_t>(id[0] << 8 | id[1]);
+    const std::string where = "node " + hexNumber(n.id, 4);
+    const std::string type = j.value("type", "");
+    if (type != "dir" && type != "file") throw std::invalid_argument(where + ": type dir or file");
+    n.isDir = type == "dir";
+    n.access = hexField(j.value("access", json("")), "node.access");
+    if (!n.isDir) {
+        n.content = hexField(j.value("content", json("")), "node.content");
+        if (n.content.size() > 0x7FFF) throw std::invalid_argument(where + ": above 32767 bytes");
+        return n;
+    }
+    n.name = hexField(j.value("name", json("")), "node.name");
+    if (n.name.size() > kDirNameMax) throw std::invalid_argument(where + ": a name of 16 bytes");
+    const json& children = j.value("children", json::array());
+    if (!children.is_array()) throw std::invalid_argument(where + ": children is a list");
+    for (const auto& c : children) {
+        Node child = nodeFromJson(c, depth + 1);
+        if (n.child(child.id))
+            throw std::invalid_argument(where + ": child " + hexNumber(child.id, 4) + " twice");
+        n.children.push_back(std::move(child));
+    }
+    return n;
+}
+
+void describeNode(std::ostringstream& out, const Node& n, const Path& path) {
+    out << "  " << pathText(path) << (n.isDir ? "  dir" : "  file ")
+        << (n.isDir ? "" : std::to_string(n.content.size()) + " bytes") << "  access "
+        << toHex(n.access);
+    if (!n.name.empty()) out << "  name " << toHex(n.name) << " = " << pathText(nameToPath(n.name));
+    out << "\n";
+    for (const auto& c : n.children) {
+        Path p = path;
+        p.push_back(c.id);
+        describeNode(out, c, p);
+    }
+}
+
+// The tree the host sees below its home: each named directory at the path
+// its name spells, with the files of its real directory.
+void describeLogical(std::ostringstream& out, const IdprotectState& s) {
+    Path below(homePath().begin() + 1, homePath().end());
+    const Node* home = const_cast<IdprotectState&>(s).find(below);
+    std::map<Path, std::string> lines;
+    if (home) {
+        for (const auto& d : home->children) {
+            if (!d.isDir || d.name.empty()) continue;
+            Path logical = homePath();
+            for (std::uint16_t id : nameToPath(d.name)) logical.push_back(id);
+            lines[logical] = "dir   (real " + hexNumber(d.id, 4) + ")";
+            for (const auto& f : d.children) {
+                Path file = logical;
+                file.push_back(f.id);
+                lines[file] = f.isDir ? "dir   (unnamed)"
+                                      : "file  " + std::to_string(f.content.size()) + " bytes" +
+                                            (f.condition(kRead) == kFree ? "" : "  private");
+            }
+        }
+    }
+    out << "logical tree below " << pathText(homePath()) << ": " << lines.size() << "\n";
+    for (const auto& [path, what] : lines) out << "  " << pathText(path) << "  " << what << "\n";
+}
+
+}  // namespace
+
+const Bytes& aid() {
+    static const Bytes kAid{0xA0, 0x00, 0x00, 0x01, 0x64, 0x4C, 0x41, 0x53, 0x45, 0x52, 0x00, 0x01};
+    return kAid;
+}
+
+const Bytes& atr() {
+    static const Bytes kAtr{0x3B, 0xD5, 0x18, 0xFF, 0x80, 0x91, 0xFE, 0x1F,
+                            0xC3, 0x80, 0x73, 0xC8, 0x21, 0x10, 0x0A};
+    return kAtr;
+}
+
+const Path& homePath() {
+    static const Path kHome{kMf, 0x3000, 0x3002, 0x5000};
+    return kHome;
+}
+
+const Path& infoPath() {
+    static const Path kInfo{kMf, 0x3000, 0xC000};
+    return kInfo;
+}
+
+unsigned char Node::condition(std::size_t index) const {
+    return 2 * index + 1 < access.size() ? access[2 * index + 1] : kNever;
+}
+
+Node* Node::child(std::uint16_t childId) {
+    for (auto& c : children)
+        if (c.id == childId) return &c;
+    return nullptr;
+}
+
+std::size_t Node::cost() const {
+    std::size_t total = kNodeCost + content.size();
+    for (const auto& c : children) total += c.cost();
+    return total;
+}
+
+Node* IdprotectState::find(const Path& below) {
+    Node* n = &root;
+    for (std::uint16_t id : below)
+        if (!n->isDir || !(n = n->child(id))) return nullptr;
+    return n;
+}
+
+PinObject* IdprotectState::pin(std::uint16_t pinId) {
+    for (auto& p : pins)
+        if (p.id == pinId) return &p;
+    return nullptr;
+}
+
+PinObject* IdprotectState::owner(std::uint16_t pinId) {
+    PinObject* p = pin(pinId);
+    return p && p->kind == kKindLogin ? pin(kUserPin) : p;
+}
+
+std::size_t IdprotectState::memoryFree() const {
+    const std::size_t used = root.cost();
+    return used < memory ? memory - used : 0;
+}
+
+Path nameToPath(const Bytes& name) {
+    Path path;
+    for (std::size_t at = 0; at + 1 < name.size(); at += 2)
+        path.push_back(static_cast<std::uint16_t>(name[at] | name[at + 1] << 8));
+    while (!path.empty() && path.back() == 0) path.pop_back();
+    return path;
+}
+
+IdprotectState personalise(const Personalisation& p) {
+    if (p.triesTotal < 1 || p.triesTotal > kTriesMax)
+        throw std::invalid_argument("the PINs take 1 to 15 tries");
+    if (!knownLoginType(p.loginType))
+        throw std::invalid_argument("the login type is 0x20, 0x23, 0x24 or 0x25");
+    if (p.label.size() > kLabelSize) throw std::invalid_argument("a label has at most 32 bytes");
+    for (unsigned char c : p.label)
+        if (c == 0 || c > 0x7F) throw std::invalid_argument("a label is seven-bit text");
+    if (p.id && p.id->size() != 8) throw std::invalid_argument("an identifier has 8 bytes");
+    if (p.infoVersion > 0xFF) throw std::invalid_argument("the information version is a byte");
+
+    IdprotectState s;
+    s.triesTotal = static_cast<unsigned char>(p.triesTotal);
+    s.loginType = static_cast<unsigned char>(p.loginType);
+    s.id = p.id ? *p.id : randomId();
+    s.memory = p.memory;
+    s.pins.push_back(
+        {kAdminPin, kKindAdmin, pinOf(p.adminPin, "the administrator PIN"), s.triesTotal});
+    s.pins.push_back({kUserPin, kKindUser, pinOf(p.userPin, "the user PIN"), s.triesTotal});
+    if (s.loginType != kLoginPin) s.pins.push_back({s.loginType, kKindLogin, {}, 0});
+
+    const unsigned char lt = s.loginType;
+    s.root = dir(kMf, accessOf({kAdminPin, kNever, kAdminPin, kAdminPin, kAdminPin, kAdminPin}));
+    Node system =
+        dir(0x3000, accessOf({kAdminPin, kNever, kAdminPin, kAdminPin, kAdminPin, kAdminPin}));
+    Node info;
+    info.id = infoPath().back();
+    info.access = accessOf({kFree, lt, lt, kNever});
+    info.content.assign(kInfoSize, 0x00);
+    std::fill(info.content.begin(), info.content.begin() + kLabelSize, ' ');
+    std::copy(p.label.begin(), p.label.end(), info.content.begin());
+    info.content[kInfoVersionAt] = static_cast<unsigned char>(p.infoVersion);
+    // The host reads the login type from the first condition of 3002.
+    Node application = dir(0x3002, accessOf({lt, kNever, lt, lt, lt, lt}));
+    application.children.push_back(dir(homePath().back(), accessOf({lt, lt, lt, lt, lt, lt})));
+    system.children.push_back(std::move(info));
+    system.children.push_back(std::move(application));
+    s.root.children.push_back(std::move(system));
+    if (s.root.cost() > s.memory)
+        throw std::invalid_argument("the memory must hold at least " +
+                                    std::to_string(s.root.cost()) + " bytes");
+    return s;
+}
+
+json toJson(const IdprotectState& s) {
+    json pins = json::array();
+    for (const auto& p : s.pins)
+        pins.push_back({{"id", hexNumber(p.id, 4)},
+                        {"kind", p.kind},
+                        {"pin", toHex(p.value)},
+                        {"tries_left", p.triesLeft}});
+    return {{"version", toHex(s.version)}, {"id", toHex(s.id)},         {"memory", s.memory},
+            {"pin_tries", s.triesTotal},   {"login_type", s.loginType}, {"pins", pins},
+            {"tree", nodeToJson(s.root)}};
+}
+
+IdprotectState fromJson(const json& j) {
+    if (!j.is_object()) throw std::invalid_argument("state: not an object");
+    IdprotectState s;
+    s.version = hexField(j.value("version", json(toHex(s.version))), "version", 4);
+    s.id = hexField(j.value("id", json()), "id", 8);
+    s.memory = numberField(j, "memory", 0, 0x7FFFFFFF, s.memory);
+    s.triesTotal = static_cast<unsigned char>(numberField(j, "pin_tries", 1, kTriesMax));
+    s.loginType = static_cast<unsigned char>(numberField(j, "login_type", 0, 0xFF, kLoginPin));
+    if (!knownLoginType(s.loginType)) throw std::invalid_argument("login_type: 20, 23, 24 or 25");
+    const json& pins = j.value("pins", json::array());
+    if (!pins.is_array()) throw std::invalid_argument("pins: a list");
+    for (const auto& p : pins) {
+        if (!p.is_object()) throw std::invalid_argument("pin: not an object");
+        const Bytes id = hexField(p.value("id", json()), "pin.id", 2);
+        PinObject pin{static_cast<std::uint16_t>(id[0] << 8 | id[1]),
+                      static_cast<unsigned char>(numberField(p, "kind", 0, kKindLogin)),
+                      hexField(p.value("pin", json("")), "pin.pin"),
+                      static_cast<unsigned char>(numberField(p, "tries_left", 0, s.triesTotal))};
+        if (pin.kind != kKindLogin && (pin.value.size() < kPinMin || pin.value.size() > kPinMax))
+            throw std::invalid_argument("pin " + hexNumber(pin.id, 4) + ": 4 to 16 bytes");
+        if (s.pin(pin.id)) throw std::invalid_argument("pin " + hexNumber(pin.id, 4) + " twice");
+        s.pins.push_back(std::move(pin));
+    }
+    if (!s.pin(kUserPin) || !s.pin(kAdminPin))
+        throw std::invalid_argument("pins: the user PIN 0020 and the administrator PIN 0010");
+    s.root = nodeFromJson(j.value("tree", json()), 0);
+    if (!s.root.isDir || s.root.id != kMf) throw std::invalid_argument("tree: begins at 3F00");
+    return s;
+}
+
+std::string describe(const IdprotectState& s) {
+    std::ostringstream out;
+    out << "identifier  " << toHex(s.id) << "\n"
+        << "version     " << toHex(s.version) << "\n"
+        << "memory      " << s.memory << " bytes, " << s.memoryFree() << " free\n"
+        << "login type  " << hexNumber(s.loginType, 2) << "\n";
+    Path below(infoPath().begin() + 1, infoPath().end());
+    if (const Node* info = const_cast<IdprotectState&>(s).find(below);
+        info && !info->isDir && info->content.size() > kInfoVersionAt) {
+        std::string label(info->content.begin(), info->content.begin() + kLabelSize);
+        label.erase(label.find_last_not_of(std::string(" \0", 2)) + 1);
+        out << "label       \"" << label << "\"\n"
+            << "info file   version byte " << unsigned{info->content[kInfoVersionAt]} << "\n";
+    }
+    for (const auto& p : s.pins) {
+        out << "PIN " << hexNumber(p.id, 4)
+            << (p.kind == kKindAdmin  ? "  administrator"
+                : p.kind == kKindUser ? "  user"
+                                      : "  login object, stands for the user PIN");
+        if (p.kind != kKindLogin)
+            out << "  tries " << unsigned{p.triesLeft} << "/" << unsigned{s.triesTotal}
+                << (p.triesLeft == 0 ? "  BLOCKED" : "");
+        out << "\n";
+    }
+    out << "real tree\n";
+    describeNode(out, s.root, {kMf});
+    describeLogical(out, s);
+    return out.str();
+}
+
+}  // namespace vtoken::idprotect

@@ -1,0 +1,138 @@
+// What the IDProtect applet keeps across sessions: an ISO file tree under
+// 3F00 with file control parameters and access conditions, the PIN objects
+// beside it with their retry counters, the identity and the memory. The
+// session (selection, verified PINs, key exchange) lives in IdprotectApplet.
+#pragma once
+
+#include "core/bytes.h"
+
+#include <nlohmann/json.hpp>
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vtoken::idprotect {
+
+const Bytes& aid();
+// The ATR of an IDProtect token.
+const Bytes& atr();
+
+using Path = std::vector<std::uint16_t>;
+
+constexpr std::uint16_t kMf = 0x3F00;
+// The application's home, where the host keeps its named directories.
+const Path& homePath();
+// The information file: the label in its first 32 bytes, blank padded, and
+// the version byte that the host checks.
+const Path& infoPath();
+constexpr std::size_t kInfoSize = 128;
+constexpr std::size_t kInfoVersionAt = 97;
+constexpr std::size_t kLabelSize = 32;
+
+// Access conditions: 00 always, FF never, anything else the PIN object that
+// must be verified. A directory's first condition guards creating in it, its
+// second deleting it; a file's are read, update, (unused), delete.
+constexpr unsigned char kFree = 0x00;
+constexpr unsigned char kNever = 0xFF;
+enum Condition : std::size_t {
+    kDirCreate = 0,
+    kDirDelete = 1,
+    kRead = 0,
+    kUpdate = 1,
+    kDelete = 3
+};
+
+// PIN objects, all directly under 3F00.
+constexpr std::uint16_t kAdminPin = 0x0010;
+constexpr std::uint16_t kUserPin = 0x0020;
+// The kinds that the control parameters carry.
+constexpr unsigned char kKindUser = 0x00;
+constexpr unsigned char kKindAdmin = 0x01;
+// A login object: it names how the user logs in, and stands for the user PIN.
+constexpr unsigned char kKindLogin = 0x0F;
+constexpr std::size_t kPinMin = 4;
+constexpr std::size_t kPinMax = 16;
+// Tries left and total share one byte of the control parameters.
+constexpr unsigned kTriesMax = 15;
+
+// Login types; a login type other than a plain PIN is a login object of that
+// identifier.
+constexpr unsigned char kLoginPin = 0x20;
+constexpr unsigned char kLoginFinger = 0x23;
+constexpr unsigned char kLoginPinOrFinger = 0x24;
+constexpr unsigned char kLoginPinAndFinger = 0x25;
+
+// Memory a node takes beside a file's content.
+constexpr std::size_t kNodeCost = 32;
+constexpr std::size_t kDirNameMax = 16;
+
+struct Node {
+    bool isDir = false;
+    std::uint16_t id = 0;
+    // The value of tag 86 as created: pairs of 00 and a condition.
+    Bytes access;
+    Bytes name;     // directories: the DF name, up to 16 bytes
+    Bytes content;  // files: fixed at the size created
+    std::vector<Node> children;
+
+    // The condition at `index`; never, if the node was created without it.
+    unsigned char condition(std::size_t index) const;
+    Node* child(std::uint16_t id);
+    std::size_t cost() const;
+};
+
+struct PinObject {
+    std::uint16_t id = 0;
+    unsigned char kind = kKindUser;
+    Bytes value;  // empty for a login object
+    unsigned char triesLeft = 0;
+};
+
+struct IdprotectState {
+    Bytes version{0x01, 0x08, 0x00, 0x04};
+    Bytes id = Bytes(8, 0x00);
+    std::size_t memory = 65536;
+    unsigned char triesTotal = 10;
+    unsigned char loginType = kLoginPin;
+    Node root;
+    std::vector<PinObject> pins;
+
+    // Null if the path does not lead to a node; the path begins after 3F00.
+    Node* find(const Path& below);
+    PinObject* pin(std::uint16_t id);
+    // The PIN whose value and counter a PIN object uses.
+    PinObject* owner(std::uint16_t id);
+    std::size_t memoryFree() const;
+};
+
+struct Personalisation {
+    std::string userPin = "12345678";   // 4 to 16 bytes
+    std::string adminPin = "87654321";  // 4 to 16 bytes
+    unsigned triesTotal = 10;           // 1 to 15
+    unsigned loginType = kLoginPin;     // 20, 23, 24 or 25
+    std::string label;                  // at most 32 seven-bit bytes
+    std::optional<Bytes> id;            // 8 bytes; random if not given
+    std::size_t memory = 65536;
+    unsigned infoVersion = 4;
+};
+
+// A fresh token: MF, the PIN objects, 3000 with the information file and
+// 3002 with the home. Throws std::invalid_argument for a value out of range.
+IdprotectState personalise(const Personalisation& p);
+
+// The stored form; fromJson throws std::invalid_argument naming the fault.
+nlohmann::ordered_json toJson(const IdprotectState& state);
+IdprotectState fromJson(const nlohmann::ordered_json& j);
+
+// Identity, memory, PINs, the real tree with directory names, and the
+// logical tree that the names spell below the home.
+std::string describe(const IdprotectState& state);
+
+// The identifiers a directory name holds: low byte first, trailing zeros
+// dropped.
+Path nameToPath(const Bytes& name);
+
+}  // namespace vtoken::idprotect
