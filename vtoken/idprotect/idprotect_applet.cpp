@@ -60,7 +60,15 @@ std::optional<Apdu> parseApdu(const Bytes& a) {
         c.le = a[4] ? a[4] : kAnswerMax;
         return c;
     }
-    // Lc 00 opens the extended form: two length bytes, an Le of one or two.
+    // Lc 00 opens the extended form: two length bytes, an Le of one or two;
+    // or it is the one-byte length of 256 bytes of data, as a host value of
+    // 256 bytes may come.
+    if (a[4] == 0 && (a.size() == 5 + kAnswerMax || a.size() == 6 + kAnswerMax) &&
+        static_cast<std::size_t>(a[5] << 8 | a[6]) + 7 > a.size()) {
+        c.data.assign(a.begin() + 5, a.begin() + 5 + kAnswerMax);
+        if (a.size() == 6 + kAnswerMax) c.le = a.back() ? a.back() : kAnswerMax;
+        return c;
+    }
     const bool extended = a[4] == 0;
     if (extended && a.size() < 7) return std::nullopt;
     const std::size_t lc = extended ? static_cast<std::size_t>(a[5] << 8 | a[6]) : a[4];

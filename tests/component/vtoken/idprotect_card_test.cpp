@@ -1,0 +1,372 @@
+// The virtual IDProtect applet byte by byte on the Java card: its file
+// system with DF names, PIN objects and counters, the Diffie-Hellman channel
+// (computed here with OpenSSL alone), chaining, GET RESPONSE and its state.
+#include "idprotect/idprotect_applet.h"
+
+#include "component/vtoken/card_script.h"
+#include "javacard/javacard.h"
+
+#include <gtest/gtest.h>
+#include <openssl/bn.h>
+#include <openssl/evp.h>
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace krfs::component {
+namespace {
+
+using vtoken::Bytes;
+using vtoken::fromHex;
+using vtoken::toHex;
+using namespace vtoken::idprotect;
+using vtoken::javacard::JavaCard;
+
+const char* kSelectApplet = "00 A4 04 00 0C A0 00 00 01 64 4C 41 53 45 52 00 01 00";
+
+Personalisation smallToken() {
+    Personalisation p;
+    p.userPin = "1234";
+    p.adminPin = "87654321";
+    p.triesTotal = 3;
+    p.label = "Bank";
+    p.id = fromHex("11 12 13 14 15 16 17 18");
+    p.memory = 600;
+    return p;
+}
+
+std::unique_ptr<JavaCard> makeCard(std::unique_ptr<vtoken::javacard::Applet> applet) {
+    std::vector<std::unique_ptr<vtoken::javacard::Applet>> applets;
+    applets.push_back(std::move(applet));
+    return std::make_unique<JavaCard>(atr(), std::move(applets));
+}
+
+std::unique_ptr<JavaCard> makeCard(const Personalisation& p = smallToken()) {
+    return makeCard(std::make_unique<IdprotectApplet>(personalise(p)));
+}
+
+Bytes operator+(Bytes a, const Bytes& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+// Triple DES without padding and with a zero IV, straight from OpenSSL.
+Bytes des(const EVP_CIPHER* cipher, const Bytes& key, const Bytes& data, bool encrypt) {
+    std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> ctx(EVP_CIPHER_CTX_new(),
+                                                                        EVP_CIPHER_CTX_free);
+    Bytes out(data.size() + 8);
+    int n = 0, last = 0;
+    const unsigned char iv[8] = {};
+    EXPECT_EQ(EVP_CipherInit_ex(ctx.get(), cipher, nullptr, key.data(), iv, encrypt), 1);
+    EVP_CIPHER_CTX_set_padding(ctx.get(), 0);
+    EVP_CipherUpdate(ctx.get(), out.data(), &n, data.data(), static_cast<int>(data.size()));
+    EVP_CipherFinal_ex(ctx.get(), out.data() + n, &last);
+    out.resize(static_cast<std::size_t>(n + last));
+    return out;
+}
+
+Bytes pad80(Bytes m) {
+    m.push_back(0x80);
+    while (m.size() % 8) m.push_back(0x00);
+    return m;
+}
+
+// ISO/IEC 9797-1 MAC algorithm 3, single DES spelt as triple DES of one key.
+Bytes retailMac(const Bytes& key, const Bytes& data) {
+    const Bytes k1(key.begin(), key.begin() + 8), k2(key.begin() + 8, key.end());
+    const Bytes chain = des(EVP_des_ede3_cbc(), k1 + k1 + k1, pad80(data), true);
+    const Bytes h =
+        des(EVP_des_ede3_ecb(), k2 + k2 + k2, Bytes(chain.end() - 8, chain.end()), false);
+    return des(EVP_des_ede3_ecb(), k1 + k1 + k1, h, true);
+}
+
+// Verify with a fresh challenge: the answer is triple DES CBC of 8 bytes of
+// ours and the challenge under SHA-1(pin). The status word.
+std::string verify(JavaCard& card, const std::string& pin) {
+    const Bytes challenge = card.process(fromHex("00 84 00 00 08"));
+    EXPECT_EQ(challenge.size(), 10u);
+    Bytes digest(20);
+    EVP_Digest(pin.data(), pin.size(), digest.data(), nullptr, EVP_sha1(), nullptr);
+    const Bytes block = Bytes(8, 0x5A) + Bytes(challenge.begin(), challenge.begin() + 8);
+    const Bytes answer =
+        des(EVP_des_ede_cbc(), Bytes(digest.begin(), digest.begin() + 16), block, true);
+    return send(card, "80 20 00 00 10 " + toHex(answer));
+}
+
+// The value of a top-level tag of short-form or 81/82 lengths.
+Bytes valueOf(const Bytes& tlvs, unsigned char tag) {
+    for (std::size_t at = 0; at + 2 <= tlvs.size();) {
+        const unsigned char t = tlvs[at++];
+        std::size_t len = tlvs[at++], bytes = len > 0x80 ? len - 0x80 : 0;
+        for (len = bytes ? 0 : len; bytes--;) len = len << 8 | tlvs[at++];
+        if (t == tag) return Bytes(tlvs.begin() + at, tlvs.begin() + at + len);
+        at += len;
+    }
+    ADD_FAILURE() << "no tag " << int{tag};
+    return {};
+}
+
+using Number = std::unique_ptr<BIGNUM, decltype(&BN_free)>;
+Number number(const Bytes& b) {
+    return Number(BN_bin2bn(b.data(), int(b.size()), nullptr), BN_free);
+}
+
+struct Keys {
+    Bytes enc, mac;
+};
+
+// Reads the group (over 256 bytes: 61xx and GET RESPONSE), sends X = G^r,
+// and derives the keys from Q and Y = C^r as the host does.
+Keys openChannel(JavaCard& card, bool shortLc = false) {
+    Bytes answer = card.process(fromHex("80 48 00 80 00"));
+    Bytes group(answer.begin(), answer.end() - 2);
+    EXPECT_EQ(answer.size(), 258u);
+    while (answer.size() >= 2 && answer[answer.size() - 2] == 0x61) {
+        answer = card.process(fromHex("00 C0 00 00") + Bytes{answer.back()});
+        group = group + Bytes(answer.begin(), answer.end() - 2);
+    }
+    EXPECT_EQ(toHex(Bytes(answer.end() - 2, answer.end())), "90 00");
+    EXPECT_EQ(toHex(valueOf(group, 0x80)), "02");
+    const Number g = number(valueOf(group, 0x80)), p = number(valueOf(group, 0x81)),
+                 c = number(valueOf(group, 0x82)), r = number(Bytes(20, 0x37));
+    Number x(BN_new(), BN_free), y(BN_new(), BN_free);
+    std::unique_ptr<BN_CTX, decltype(&BN_CTX_free)> ctx(BN_CTX_new(), BN_CTX_free);
+    BN_mod_exp(x.get(), g.get(), r.get(), p.get(), ctx.get());
+    BN_mod_exp(y.get(), c.get(), r.get(), p.get(), ctx.get());
+    Bytes xBytes(256), yBytes((BN_num_bytes(y.get()) + 3) / 4 * 4);
+    BN_bn2binpad(x.get(), xBytes.data(), 256);
+    BN_bn2binpad(y.get(), yBytes.data(), int(yBytes.size()));
+    // Lc 00 01 00, or a one-byte 00 for the 256 bytes.
+    const Bytes lc = shortLc ? Bytes{0x00} : fromHex("00 01 00");
+    const Bytes q = card.process(fromHex("80 86 00 00") + lc + xBytes + Bytes{0x00});
+    EXPECT_EQ(q.size(), 34u);
+    Keys k{Bytes(16), Bytes(16)};
+    for (std::size_t i = 0; i < 16; ++i) {
+        k.enc[i] = q[i] ^ yBytes[i];
+        k.mac[i] = q[16 + i] ^ yBytes[24 + i];
+    }
+    return k;
+}
+
+// 8C INS P1 P2 Lc, 87 L 01 E, 8E 08 MAC over counter, padded header and 87.
+Bytes wrap(const Keys& k, const Bytes& header, const Bytes& data, unsigned char counter = 1) {
+    const Bytes e = des(EVP_des_ede_cbc(), k.enc, pad80(data), true);
+    const Bytes object = Bytes{0x87, static_cast<unsigned char>(e.size() + 1), 0x01} + e;
+    const Bytes head{static_cast<unsigned char>(header[0] | 0x0C), header[1], header[2], header[3]};
+    const Bytes mac = retailMac(k.mac, Bytes(7, 0x00) + Bytes{counter} + pad80(head) + object);
+    return head + Bytes{static_cast<unsigned char>(object.size() + 10)} + object +
+           Bytes{0x8E, 0x08} + mac;
+}
+
+TEST(IdprotectCard, FileSystemStory) {
+    auto card = makeCard();
+    play(*card, R"(
+        80 A4 08 0C 02 3F 00 00 -> 69 99                 # no applet selected
+        00 A4 04 00 0C A0 00 00 01 64 4C 41 53 45 52 00 01 00 -> 90 00
+        80 A4 08 0C 06 3F 00 30 00 C0 00 00              # the information file, public
+          -> 62 15 83 02 C0 00 87 01 01 80 02 00 80 86 08 00 00 00 20 00 20 00 FF 90 00
+        00 B0 00 00 20 -> 42 61 6E 6B 20*28 90 00        # the label, blank padded
+        00 B0 00 61 01 -> 04 90 00                       # byte 97
+        00 B0 00 7E 04 -> 00 00 62 82                    # past the end: what there is
+        00 B0 00 81 01 -> 6B 00
+        80 A4 08 0C 06 3F 00 30 00 30 02 00              # the login type in 86, byte 1
+          -> 62 15 83 02 30 02 87 01 38 86 0C 00 20 00 FF 00 20 00 20 00 20 00 20 90 00
+        80 A4 08 0C 08 3F 00 30 00 30 02 50 00 00 -> ... 90 00
+        00 E0 38 00 2E 62 81 2B 8A 01 04 83 02 00 01 80 02 00 00 84 10 01 00 00*14 \
+          86 0C 00 20 00 20 00 20 00 20 00 00 00 FF -> 69 82   # no login
+        00 CB 00 03 00 -> 01 08 00 04 90 00
+        80 CB 01 14 00 -> 11 12 13 14 15 16 17 18 90 00
+        80 CB 01 10 00 -> 00 00 02 58 90 00
+        80 CB 01 11 00 -> 00 00 01 38 90 00              # 600 less 5 nodes and 128 bytes
+    )");
+    EXPECT_EQ(send(*card, "80 A4 08 0C 04 3F 00 00 20 00"),
+              "62 0B 83 02 00 20 85 05 04 10 00 00 33 90 00");
+    EXPECT_EQ(verify(*card, "1234"), "90 00");
+    play(*card, R"(
+        80 CE 00 00 00 -> 00 00 20 90 00
+        80 A4 08 0C 08 3F 00 30 00 30 02 50 00 00 -> ... 90 00
+        00 E0 38 00 2E 62 81 2B 8A 01 04 83 02 00 01 80 02 00 00 84 10 01 00 00*14 \
+          86 0C 00 20 00 20 00 20 00 20 00 00 00 FF -> 90 00    # logical 0001, real 0001
+        80 A4 08 0C 08 3F 00 30 00 30 02 50 00 00 -> ... 90 00
+        00 E0 38 00 2E 62 81 2B 8A 01 04 83 02 00 02 80 02 00 00 84 10 01 00 00*14 \
+          86 0C 00 20 00 20 00 20 00 20 00 00 00 FF -> 6A 89    # the name is taken
+        80 A4 04 0C 10 01 00 00*14 00                    # by name from the home
+          -> 62 27 83 02 00 01 87 01 38 84 10 01 00 00*14 \
+             86 0C 00 20 00 20 00 20 00 20 00 00 00 FF 90 00
+        80 A4 04 0C 10 02 00 00*14 00 -> 6A 82
+        00 E0 01 00 18 62 81 15 8A 01 04 83 02 AB CD 80 02 00 10 \
+          86 08 00 20 00 20 00 20 00 20 -> 90 00         # a private file, now selected
+        00 E0 01 00 18 62 81 15 8A 01 04 83 02 AB CD 80 02 00 10 \
+          86 08 00 20 00 20 00 20 00 20 -> 6A 89
+        00 E0 01 00 14 62 12 83 02 AB CE 80 02 00 C9 86 08 00*4 00 20 00 20 -> 6A 84
+        00 E0 01 00 14 62 12 83 02 AB CE 80 02 00 C8 86 08 00*4 00 20 00 20 -> 90 00
+        80 CB 01 11 00 -> 00 00 00 00 90 00
+        00 E4 00 00 -> 90 00
+        80 A4 08 0C 0A 3F 00 30 00 30 02 50 00 00 01 00 -> ... 90 00
+        80 30 01 00 00 -> D2 02 AB CD 90 00
+        80 30 38 00 00 -> 90 00
+        80 A4 08 0C 0C 3F 00 30 00 30 02 50 00 00 01 AB CD 00
+          -> 62 15 83 02 AB CD 87 01 01 80 02 00 10 86 08 00 20 00 20 00 20 00 20 90 00
+        10 D6 00 00 02 DE AD -> 90 00                    # chained
+        00 D6 00 00 02 BE EF -> 90 00
+        00 B0 00 00 04 -> DE AD BE EF 90 00
+        10 D6 00 00 01 11 -> 90 00
+        00 D6 00 01 01 22 -> 68 83                       # a chain ends with its own header
+        00 B0 00 00 04 -> DE AD BE EF 90 00
+        00 D6 00 0F 02 01 02 -> 6A 84
+        00 E4 01 00 -> 69 81                             # a file is not a directory
+        80 28 00 00 04 00 00 00 20 -> 90 00
+        80 CE 00 00 00 -> 90 00
+        00 B0 00 00 04 -> 69 82
+        00 E4 00 00 -> 69 82
+        80 A4 08 0C 08 3F 00 30 00 30 02 50 00 00 -> ... 90 00
+        80 30 38 00 00 -> D2 02 00 01 90 00
+        80 A4 08 0C 06 3F 00 30 00 99 99 00 -> 6A 82
+        00 C0 00 00 10 -> 69 85                          # nothing waits
+        80 99 00 00 -> 6D 00
+        00 A4 08 0C -> 6E 00
+    )");
+}
+
+TEST(IdprotectCard, PinCountersAndBlocking) {
+    auto card = makeCard();
+    send(*card, kSelectApplet);
+    send(*card, "80 A4 08 0C 04 3F 00 00 20 00");
+    const struct {
+        const char* pin;
+        const char* answer;
+        const char* tries;  // the last byte of 85: left, total
+    } steps[] = {
+        {"9999", "63 C2", "23"}, {"1234", "90 00", "33"}, {"0000", "63 C2", "23"},
+        {"0000", "63 C1", "13"}, {"0000", "63 C0", "03"}, {"1234", "69 83", "03"},
+    };
+    for (const auto& s : steps) {
+        EXPECT_EQ(verify(*card, s.pin), s.answer) << s.pin;
+        const std::string fcp = send(*card, "80 A4 08 0C 04 3F 00 00 20 00");
+        EXPECT_EQ(fcp.substr(fcp.size() - 8, 2), s.tries) << s.pin;
+    }
+    EXPECT_EQ(send(*card, "80 20 00 00 10 " + toHex(Bytes(16, 0))), "69 83");  // before a challenge
+    EXPECT_EQ(send(*card, "80 CE 00 00 00"), "90 00");
+}
+
+TEST(IdprotectCard, ChannelCarriesChangeAndUnblock) {
+    auto card = makeCard();
+    send(*card, kSelectApplet);
+    const Bytes change = fromHex("80 24 00 00");
+    const Bytes newPin = fromHex("62 81 06 81 04 34 33 32 31");  // 4321
+    send(*card, "80 A4 08 0C 04 3F 00 00 20 00");
+    EXPECT_EQ(verify(*card, "1234"), "90 00");
+    EXPECT_EQ(send(*card, "80 24 00 00 09 " + toHex(newPin)), "69 82");  // not wrapped
+    EXPECT_EQ(toHex(card->process(wrap(Keys{Bytes(16), Bytes(16)}, change, newPin))), "69 85");
+
+    Keys keys = openChannel(*card);
+    Bytes forged = wrap(keys, change, newPin);
+    forged.back() ^= 0x01;
+    EXPECT_EQ(toHex(card->process(forged)), "69 88");
+    EXPECT_EQ(toHex(card->process(wrap(keys, change, newPin))), "90 00");
+    EXPECT_EQ(toHex(card->process(wrap(keys, change, newPin))), "69 88");  // a replay
+    EXPECT_EQ(send(*card, "80 86 FF FF"), "90 00");
+    EXPECT_EQ(send(*card, "80 86 FF FF"), "69 85");
+    EXPECT_EQ(verify(*card, "1234"), "63 C2");
+    EXPECT_EQ(verify(*card, "4321"), "90 00");
+
+    // Blocked, then unblocked under the administrator's PIN.
+    for (int i = 0; i < 3; ++i) verify(*card, "0000");
+    EXPECT_EQ(send(*card, "80 2C 00 00 00"), "69 82");
+    send(*card, "80 A4 08 0C 04 3F 00 00 10 00");
+    EXPECT_EQ(verify(*card, "87654321"), "90 00");
+    send(*card, "80 A4 08 0C 04 3F 00 00 20 00");
+    EXPECT_EQ(send(*card, "80 2C 00 00 00"), "90 00");
+    keys = openChannel(*card, true);
+    EXPECT_EQ(toHex(card->process(wrap(keys, change, fromHex("62 81 05 81 03 31 32 33")))),
+              "6A 80");  // too short
+    EXPECT_EQ(toHex(card->process(wrap(keys, change, newPin, 2))), "90 00");
+    EXPECT_EQ(verify(*card, "4321"), "90 00");
+    EXPECT_EQ(send(*card, "80 CE 00 00 00"), "01 00 10 00 00 20 90 00");
+
+    card->reset();  // the session goes: logins, channel, selection
+    play(*card, R"(
+        80 CE 00 00 00 -> 69 99
+        00 A4 04 00 0C A0 00 00 01 64 4C 41 53 45 52 00 01 00 -> 90 00
+        80 CE 00 00 00 -> 90 00
+        80 86 FF FF -> 69 85
+        80 20 00 00 10 00*16 -> 69 85
+    )");
+}
+
+TEST(IdprotectCard, StateSurvivesSaveAndLoad) {
+    auto card = makeCard();
+    send(*card, kSelectApplet);
+    send(*card, "80 A4 08 0C 04 3F 00 00 20 00");
+    verify(*card, "0000");
+    ASSERT_EQ(verify(*card, "1234"), "90 00");
+    play(*card, R"(
+        80 A4 08 0C 08 3F 00 30 00 30 02 50 00 00 -> ... 90 00
+        00 E0 38 00 2E 62 81 2B 8A 01 04 83 02 00 07 80 02 00 00 84 10 01 00 02 00 00*12 \
+          86 0C 00 20 00 20 00 20 00 20 00 00 00 FF -> 90 00
+        00 E0 01 00 18 62 81 15 8A 01 04 83 02 00 05 80 02 00 02 86 08 00 00 00 20 00 20 00 20 \
+          -> 90 00
+        00 D6 00 00 02 CA FE -> 90 00
+        80 A4 08 0C 04 3F 00 00 20 00 -> ... 90 00
+        80 20 00 00 10 00*16 -> 69 85
+    )");
+    auto* applet = card->find<IdprotectApplet>();
+    auto copy = makeCard(load(applet->save()));
+    EXPECT_EQ(copy->find<IdprotectApplet>()->save(), applet->save());
+    EXPECT_NE(applet->describe().find("3F00/3000/3002/5000/0001/0002  dir   (real 0007)"),
+              std::string::npos);
+    play(*copy, R"(
+        00 A4 04 00 0C A0 00 00 01 64 4C 41 53 45 52 00 01 00 -> 90 00
+        80 A4 08 0C 0C 3F 00 30 00 30 02 50 00 00 07 00 05 00 -> ... 90 00
+        00 B0 00 00 02 -> CA FE 90 00
+        80 A4 08 0C 04 3F 00 00 20 00 -> 62 0B 83 02 00 20 85 05 04 10 00 00 33 90 00
+    )");
+}
+
+TEST(IdprotectCard, InitOptionsAndStoredStates) {
+    const std::vector<std::pair<std::string, std::string>> refused = {
+        {"--pin-tries", "16"},      {"--pin-tries", "0"},
+        {"--login-type", "0x21"},   {"--label", std::string(33, 'A')},
+        {"--label", "caf\xC3\xA9"}, {"--id", "0102"},
+        {"--user-pin", "123"},      {"--memory", "100"},
+    };
+    for (const auto& [name, value] : refused) {
+        vtoken::javacard::InitOptions options;
+        options.add(name, value);
+        EXPECT_THROW(install(options), std::invalid_argument) << name << " " << value;
+    }
+    vtoken::javacard::InitOptions options;
+    options.add("--info-version", "3");
+    options.add("--login-type", "0x24");
+    auto installed = install(options);
+    EXPECT_EQ(toHex(installed.atr), "3B D5 18 FF 80 91 FE 1F C3 80 73 C8 21 10 0A");
+    auto card = makeCard(std::move(installed.applets.front()));
+    play(*card, R"(
+        00 A4 04 00 0C A0 00 00 01 64 4C 41 53 45 52 00 01 00 -> 90 00
+        80 A4 08 0C 06 3F 00 30 00 C0 00 00 -> ... 90 00
+        00 B0 00 61 01 -> 03 90 00
+        80 A4 08 0C 04 3F 00 00 24 00 -> 62 0B 83 02 00 24 85 05 04 10 0F 00 AA 90 00
+    )");
+
+    using Edit = void (*)(nlohmann::ordered_json&);
+    const Edit broken[] = {
+        [](nlohmann::ordered_json& j) { j["pin_tries"] = 16; },
+        [](nlohmann::ordered_json& j) { j["pins"].erase(1); },
+        [](nlohmann::ordered_json& j) { j["tree"]["id"] = "3000"; },
+        [](nlohmann::ordered_json& j) { j["tree"]["children"][0]["name"] = std::string(34, 'A'); },
+        [](nlohmann::ordered_json& j) {
+            j["tree"]["children"].push_back(j["tree"]["children"][0]);
+        },
+    };
+    const auto good = toJson(personalise(smallToken()));
+    for (const Edit edit : broken) {
+        auto j = good;
+        edit(j);
+        EXPECT_THROW(fromJson(j), std::invalid_argument) << j.dump();
+    }
+}
+
+}  // namespace
+}  // namespace krfs::component
