@@ -80,6 +80,8 @@ void CPackIdprotect::sm(const TBytes& apdu, TBytes& response) {
 
     const vlong g = fromBytes(group.generator), p = fromBytes(group.modulus);
     const vlong c = fromBytes(group.cardValue), r = fromBytes(exponent);
+    // A degenerate group gives no shared key; refused before any arithmetic.
+    if (p < vlong(2) || (g % p).is_zero() || (c % p).is_zero()) APDU_RAISE(0x6281);
     const TBytes x = toBytes(modexp(g, r, p));
     const TBytes y = toBytes(modexp(c, r, p));
     // Too small a group leaves no key material where the keys are taken.
