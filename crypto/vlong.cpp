@@ -13,6 +13,7 @@ unsigned bitLength(unsigned x) { return x == 0 ? 0 : 32 - static_cast<unsigned>(
 
 // r[0..rl) = a * b mod 2^(64 rl). r must not overlap a or b.
 void mulWordsTrunc(u64* r, unsigned rl, const u64* a, unsigned al, const u64* b, unsigned bl) {
+    if (rl == 0) return;  // a zero operand leaves no words, and memset wants a real pointer
     std::memset(r, 0, rl * sizeof(u64));
     for (unsigned i = 0; i < al && i < rl; ++i) {
         const u64 ai = a[i];
@@ -195,7 +196,7 @@ void flex_unit::fast_mul(flex_unit& x, flex_unit& y, unsigned keep) {
     if (keep % 32 != 0 && limit > 0) units[limit - 1] &= (1u << (keep % 32)) - 1;
     used = limit;
     while (used > 0 && units[used - 1] == 0) --used;
-    std::memset(buf.data(), 0, buf.size() * sizeof(u64));
+    if (!buf.empty()) std::memset(buf.data(), 0, buf.size() * sizeof(u64));
 }
 
 // ---------------- vlong_value ----------------

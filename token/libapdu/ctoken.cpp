@@ -3,6 +3,7 @@
 #include "libapdu/exception.h"
 #include "token/applet_datastore.h"
 #include "token/applet_gost.h"
+#include "token/applet_idprotect.h"
 #include "token/applet_pro.h"
 #include "token/applet_r2.h"
 
@@ -25,6 +26,7 @@ std::unique_ptr<IApplet> make(ISender* s) {
 const AppletKind kApplets[] = {
     {0x1001, &CAppletR2::checkIfExist, &make<CAppletR2>},
     {0x1002, &CAppletPro::checkIfExist, &make<CAppletPro>},
+    {0x2101, &CAppletIdprotect::checkIfExist, &make<CAppletIdprotect>},
     {0x2202, &CAppletGost::checkIfExist, &make<CAppletGost>},
     {0x2205, &CAppletDataStore::checkIfExist, &make<CAppletDataStore>},
 };
