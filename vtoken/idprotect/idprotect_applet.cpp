@@ -479,7 +479,13 @@ Bytes IdprotectApplet::logout(const Apdu& c) {
     if (c.p1 || c.p2) return respond(sw::kWrongP1P2);
     if (c.data.size() != 4) return respond(sw::kWrongLength);
     const PinObject* owner = state_.owner(c.data[3]);
-    if (!owner) return respond(sw::kDataNotFound);
+    // A reference to no PIN (0 before any PIN was selected) logs out every
+    // PIN: the host starts each selection of the applet that way.
+    if (!owner) {
+        session_.verified.clear();
+        session_.unblockArmed.reset();
+        return respond(sw::kOk);
+    }
     for (const auto& p : state_.pins)
         if (state_.owner(p.id) == owner) session_.verified.erase(p.id);
     if (session_.unblockArmed == owner->id || owner->id == kAdminPin) session_.unblockArmed.reset();

@@ -61,7 +61,7 @@ bool answerMatches(const Bytes& pin, const Bytes& challenge, const Bytes& answer
 }
 
 KeyExchange::KeyExchange()
-    : p_(BN_get_rfc3526_prime_2048(nullptr), BN_clear_free),
+    : p_(BN_get_rfc3526_prime_1536(nullptr), BN_clear_free),
       g_(BN_new(), BN_clear_free),
       exponent_(nullptr, BN_clear_free),
       public_(BN_new(), BN_clear_free) {

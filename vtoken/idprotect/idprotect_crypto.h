@@ -27,8 +27,9 @@ struct SessionKeys {
     Bytes mac;
 };
 
-// One channel's key agreement in the 2048-bit MODP group of RFC 3526 with
-// generator 2, and a fresh private exponent.
+// One channel's key agreement in the 1536-bit MODP group of RFC 3526 with
+// generator 2, and a fresh private exponent. The host sends its value with a
+// one-byte length, so a group's values must stay below 256 bytes.
 class KeyExchange {
 public:
     KeyExchange();

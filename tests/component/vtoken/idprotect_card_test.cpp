@@ -119,7 +119,7 @@ struct Keys {
 
 // Reads the group (over 256 bytes: 61xx and GET RESPONSE), sends X = G^r,
 // and derives the keys from Q and Y = C^r as the host does.
-Keys openChannel(JavaCard& card, bool shortLc = false) {
+Keys openChannel(JavaCard& card) {
     Bytes answer = card.process(fromHex("80 48 00 80 00"));
     Bytes group(answer.begin(), answer.end() - 2);
     EXPECT_EQ(answer.size(), 258u);
@@ -135,12 +135,10 @@ Keys openChannel(JavaCard& card, bool shortLc = false) {
     std::unique_ptr<BN_CTX, decltype(&BN_CTX_free)> ctx(BN_CTX_new(), BN_CTX_free);
     BN_mod_exp(x.get(), g.get(), r.get(), p.get(), ctx.get());
     BN_mod_exp(y.get(), c.get(), r.get(), p.get(), ctx.get());
-    Bytes xBytes(256), yBytes((BN_num_bytes(y.get()) + 3) / 4 * 4);
-    BN_bn2binpad(x.get(), xBytes.data(), 256);
+    Bytes xBytes(192), yBytes((BN_num_bytes(y.get()) + 3) / 4 * 4);
+    BN_bn2binpad(x.get(), xBytes.data(), 192);
     BN_bn2binpad(y.get(), yBytes.data(), int(yBytes.size()));
-    // Lc 00 01 00, or a one-byte 00 for the 256 bytes.
-    const Bytes lc = shortLc ? Bytes{0x00} : fromHex("00 01 00");
-    const Bytes q = card.process(fromHex("80 86 00 00") + lc + xBytes + Bytes{0x00});
+    const Bytes q = card.process(fromHex("80 86 00 00 C0") + xBytes + Bytes{0x00});
     EXPECT_EQ(q.size(), 34u);
     Keys k{Bytes(16), Bytes(16)};
     for (std::size_t i = 0; i < 16; ++i) {
@@ -279,7 +277,7 @@ TEST(IdprotectCard, ChannelCarriesChangeAndUnblock) {
     EXPECT_EQ(verify(*card, "87654321"), "90 00");
     send(*card, "80 A4 08 0C 04 3F 00 00 20 00");
     EXPECT_EQ(send(*card, "80 2C 00 00 00"), "90 00");
-    keys = openChannel(*card, true);
+    keys = openChannel(*card);
     EXPECT_EQ(toHex(card->process(wrap(keys, change, fromHex("62 81 05 81 03 31 32 33")))),
               "6A 80");  // too short
     EXPECT_EQ(toHex(card->process(wrap(keys, change, newPin, 2))), "90 00");
