@@ -76,21 +76,19 @@ TEST(Cli, FilesInformationPinsAndFailures) {
     EXPECT_EQ(krfsTool({v + "ls", 0, ""}), "");
 }
 
-// The tool on the Java-card tokens: a Gost token in one reader, a DataStore
-// token in the other, each written, read back and listed.
-TEST(Cli, GostAndDataStoreTokens) {
+// The tool on the Java-card tokens, each written, read back and listed.
+TEST(Cli, GostDataStoreAndIdprotectTokens) {
     Pcscd pcscd;
-    VToken gost(pcscd, 0, krfs::e2e::madeToken("gost", "0102030405060708", "12345678", "g"));
-    VToken ds(pcscd, 1, krfs::e2e::madeToken("datastore", "1122334455667788", "12345678", "d"));
     TempDir dir("krfs-cli-java");
     const std::string content(700, 'j'), notes = dir.file("notes");
     writeFile(notes, content);
-    for (const VToken* card : {&gost, &ds}) {
-        const std::string r = "-r '" + card->reader() + "' --vendor F001 ";
+    for (const char* dialect : {"gost", "datastore", "idprotect"}) {
+        VToken card(pcscd, 0, krfs::e2e::madeToken(dialect, "0102030405060708", "12345678", "j"));
+        const std::string r = "-r '" + card.reader() + "' --vendor F001 ";
         krfsTool({r + "--login --pin-env PIN put " + notes + " 1234", 0, "", "", "PIN=12345678"});
         EXPECT_EQ(krfsTool({r + "cat 1234", 0, ""}), content);
         krfsTool({r + "rm 1234", 1, "0x86E06900"});
-        krfsTool({"-r '" + card->reader() + "' ls -l -R", 0, "700"});
+        krfsTool({"-r '" + card.reader() + "' ls -l -R", 0, "700"});
     }
 }
 
