@@ -5,19 +5,18 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
-#include <fstream>
-#include <map>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "harness/harness.h"
+#include "replay.h"
 #include "krfs.h"
 
 namespace {
 
 using namespace krfs::harness;
+using krfs::bench::commandsIn;
 
 constexpr WORD kSize = 16384;
 
@@ -33,22 +32,6 @@ struct Fixture {
 };
 
 Fixture* g = nullptr;
-
-std::vector<Bytes> commandsIn(const std::string& logPath) {
-    std::ifstream in(logPath);
-    std::vector<Bytes> out;
-    std::string line;
-    while (std::getline(in, line)) {
-        if (line.rfind("C-APDU: ", 0) != 0) continue;
-        std::istringstream hex(line.substr(8));
-        Bytes apdu;
-        std::string byte;
-        while (hex >> byte)
-            apdu.push_back(static_cast<unsigned char>(std::stoul(byte, nullptr, 16)));
-        out.push_back(apdu);
-    }
-    return out;
-}
 
 bool setUp() {
     g = new Fixture;
@@ -104,34 +87,13 @@ void BM_KRFileRead(benchmark::State& state) {
 }
 
 void BM_RawReplay(benchmark::State& state) {
-    Bytes response;
-    for (auto _ : state) {
-        for (const Bytes& c : g->replay) {
-            if (g->raw->transmit(c, response) != SCARD_S_SUCCESS) {
-                state.SkipWithError("SCardTransmit failed");
-                return;
-            }
+    for (auto _ : state)
+        if (!krfs::bench::replay(*g->raw, g->replay)) {
+            state.SkipWithError("SCardTransmit failed");
+            break;
         }
-        benchmark::DoNotOptimize(response.data());
-    }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * kSize);
 }
-
-// Wall seconds and iterations of each benchmark, summed over its rounds.
-std::map<std::string, std::pair<double, double>> g_totals;
-
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& r : runs)
-            if (r.run_type == Run::RT_Iteration && r.iterations > 0) {
-                auto& t = g_totals[r.benchmark_name()];
-                t.first += r.real_accumulated_time;
-                t.second += static_cast<double>(r.iterations);
-            }
-        ConsoleReporter::ReportRuns(runs);
-    }
-};
 
 }  // namespace
 
@@ -152,15 +114,11 @@ int main(int argc, char** argv) {
             ->MinTime(1.0)
             ->UseRealTime();
     }
-    RatioReporter reporter;
+    krfs::bench::RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
-    auto perRead = [](const char* name) {
-        const auto& t = g_totals[std::string(name) + "/min_time:1.000/real_time"];
-        return t.second > 0 ? t.first / t.second : 0.0;
-    };
-    const double lib = perRead("BM_KRFileRead_16KiB");
-    const double raw = perRead("BM_RawReplay_16KiB");
+    const double lib = reporter.perCall("BM_KRFileRead_16KiB");
+    const double raw = reporter.perCall("BM_RawReplay_16KiB");
     if (lib > 0 && raw > 0)
         std::printf("\nper read: KRFileRead %.3f ms, raw replay %.3f ms\n", lib * 1e3, raw * 1e3),
             std::printf(
