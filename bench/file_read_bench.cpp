@@ -105,18 +105,9 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "file_read_bench: set-up failed\n");
         return 1;
     }
-    // Alternate the two so that drift in pcscd's timing hits both alike.
-    for (int round = 0; round < 3; ++round) {
-        benchmark::RegisterBenchmark("BM_KRFileRead_16KiB", BM_KRFileRead)
-            ->MinTime(1.0)
-            ->UseRealTime();
-        benchmark::RegisterBenchmark("BM_RawReplay_16KiB", BM_RawReplay)
-            ->MinTime(1.0)
-            ->UseRealTime();
-    }
     krfs::bench::RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
+    krfs::bench::runAlternating(reporter, "BM_KRFileRead_16KiB", BM_KRFileRead,
+                                "BM_RawReplay_16KiB", BM_RawReplay);
     const double lib = reporter.perCall("BM_KRFileRead_16KiB");
     const double raw = reporter.perCall("BM_RawReplay_16KiB");
     if (lib > 0 && raw > 0)

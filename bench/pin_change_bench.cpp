@@ -102,18 +102,9 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "pin_change_bench: set-up failed\n");
         return 1;
     }
-    // Alternate the two so that drift in pcscd's timing hits both alike.
-    for (int round = 0; round < 3; ++round) {
-        benchmark::RegisterBenchmark("BM_KRTokenPinChange", BM_KRTokenPinChange)
-            ->MinTime(1.0)
-            ->UseRealTime();
-        benchmark::RegisterBenchmark("BM_RawReplay_change", BM_RawReplay)
-            ->MinTime(1.0)
-            ->UseRealTime();
-    }
     krfs::bench::RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
+    krfs::bench::runAlternating(reporter, "BM_KRTokenPinChange", BM_KRTokenPinChange,
+                                "BM_RawReplay_change", BM_RawReplay);
     const double lib = reporter.perCall("BM_KRTokenPinChange");
     const double raw = reporter.perCall("BM_RawReplay_change");
     if (lib > 0 && raw > 0)

@@ -66,4 +66,17 @@ private:
     std::map<std::string, std::pair<double, double>> totals_;
 };
 
+// Runs the library's call and its replay in three alternating rounds of at
+// least a second each, so that drift in pcscd's timing hits both alike.
+inline void runAlternating(RatioReporter& reporter, const char* lib,
+                           void (*libCall)(benchmark::State&), const char* raw,
+                           void (*rawCall)(benchmark::State&)) {
+    for (int round = 0; round < 3; ++round) {
+        benchmark::RegisterBenchmark(lib, libCall)->MinTime(1.0)->UseRealTime();
+        benchmark::RegisterBenchmark(raw, rawCall)->MinTime(1.0)->UseRealTime();
+    }
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+}
+
 }  // namespace krfs::bench
