@@ -12,38 +12,7 @@
 #include "token/appfs/fs_gost.h"
 #include "token/applet_gost.h"
 
-namespace {
-
 using namespace libapdu;
-
-class AnswerQueue : public ISender {
-public:
-    AnswerQueue(const uint8_t* data, size_t size) {
-        for (size_t at = 0; at + 2 <= size;) {
-            const size_t n = static_cast<size_t>(data[at] << 8 | data[at + 1]);
-            at += 2;
-            const size_t take = std::min(n, size - at);
-            answers.emplace_back(data + at, data + at + take);
-            at += take;
-        }
-    }
-    void send(const TBytes& command, TBytes& response) override {
-        TBytes answer;
-        if (command.size() < 2 || command[1] != 0xA4) {
-            if (next < answers.size()) answer = answers[next++];
-        }
-        answer.push_back(0x90);
-        answer.push_back(0x00);
-        AnswerSender::give(answer, response);
-    }
-    TBytes atr() override { return {}; }
-
-private:
-    std::vector<TBytes> answers;
-    size_t next = 0;
-};
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     using fuzz_stack::step;

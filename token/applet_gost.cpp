@@ -40,7 +40,7 @@ CAppletGost::CAppletGost(ISender* s) : IApplet(s) {
 
 void CAppletGost::init() {
     TBytes response(kLongAnswer);
-    send({0x80, 0x15, 0x10, 0x00, 0x01, 0x01}, response);
+    send(tagGostStatus::kCommand, response);
     checkSW(response);
     if (response.size() < kShortestStatus) APDU_RAISE(0x6400);
 }

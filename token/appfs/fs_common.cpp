@@ -54,6 +54,31 @@ WORD CFSCommon::pinUser() { return PinExtractAccess(applet->pin()->pathUser()); 
 
 bool CFSCommon::isFips() { return applet->info()->isFips(); }
 
+void CFSCommon::readBinary(TBytes& data, WORD offset, WORD size) {
+    FileCheckRange(offset, data.size(), size, 0x6282);
+    const unsigned char length = static_cast<unsigned char>(data.size() & 0xFF);
+    TBytes command{0x00, 0xB0};
+    add_w(command, offset);
+    command << length;
+    TBytes response(length + 2u);
+    send(command, response);
+    checkSW(response);
+    if (response.size() != data.size() + 2) APDU_RAISE(0x6282);
+    data.assign(response.begin(), response.end() - 2);
+}
+
+void CFSCommon::updateBinary(const TBytes& data, WORD offset, WORD size) {
+    FileCheckRange(offset, data.size(), size, 0x6A84);
+    // Lc is one byte; the chunk loop never asks for more than bit_size().
+    if (data.size() > 0xFF) APDU_RAISE(0x6B00);
+    TBytes command{0x00, 0xD6};
+    add_w(command, offset);
+    command << static_cast<unsigned char>(data.size()) << data;
+    TBytes response(2);
+    send(command, response);
+    checkSW(response);
+}
+
 void FileCheckRange(WORD offset, std::size_t length, WORD size, WORD code) {
     if (offset > size || offset + length > size) APDU_RAISE(code);
 }

@@ -32,6 +32,11 @@ public:
     bool isFips();
 
 protected:
+    // ISO READ BINARY and UPDATE BINARY of the selected file of `size` bytes,
+    // one command each: read_bit and write_bit of the ISO file systems.
+    void readBinary(TBytes& data, WORD offset, WORD size);
+    void updateBinary(const TBytes& data, WORD offset, WORD size);
+
     IApplet* applet;  // the owner, not owned
 };
 

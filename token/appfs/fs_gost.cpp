@@ -42,11 +42,6 @@ std::size_t dataLength(const TBytes& response) {
 
 WORD bigWord(const unsigned char* p) { return static_cast<WORD>(p[0] << 8 | p[1]); }
 
-// Handles are big-endian in every command.
-void addHandle(TBytes& out, WORD handle) {
-    out << static_cast<unsigned char>(handle >> 8) << static_cast<unsigned char>(handle & 0xFF);
-}
-
 // Attribute ids go out lowest byte first, though the card lists them big-endian.
 void addId(TBytes& out, unsigned int id) {
     for (int shift = 0; shift < 32; shift += 8) out << static_cast<unsigned char>(id >> shift);
@@ -87,7 +82,7 @@ WORD CFSGost::newFile() {
 
 void CFSGost::removeFile(WORD handle) {
     TBytes command{0x80, 0x12, 0x30, 0x00, 0x02};
-    addHandle(command, handle);
+    add_w(command, handle);  // handles are big-endian
     command << 0x00;
     TBytes response(kLongAnswer);
     send(command, response);
@@ -111,7 +106,7 @@ std::vector<CFSGost::CObject> CFSGost::listFile() {
 
 std::vector<CFSGost::CAtribute> CFSGost::listAtr(WORD handle) {
     TBytes command{0x80, 0x13, 0x40, 0x00, 0x02};
-    addHandle(command, handle);
+    add_w(command, handle);
     command << 0x00;
     TBytes response(kListAtrAnswer);
     send(command, response);
@@ -134,7 +129,7 @@ std::vector<CFSGost::CAtribute> CFSGost::listAtr(WORD handle) {
 
 TBytes CFSGost::getAtr(WORD handle, unsigned int id) {
     TBytes command{0x80, 0x13, 0x20, 0x00, 0x06};
-    addHandle(command, handle);
+    add_w(command, handle);
     addId(command, id);
     command << 0x00;
     TBytes response(kGetAtrAnswer);
@@ -155,11 +150,12 @@ void CFSGost::setAtr(WORD handle, unsigned int id, TBytes value) {
     if (lc <= 0xFF) {
         command << static_cast<unsigned char>(lc);
     } else {
-        command << 0x00 << static_cast<unsigned char>(lc >> 8) << static_cast<unsigned char>(lc);
+        command << 0x00;
+        add_w(command, static_cast<WORD>(lc));
     }
-    addHandle(command, handle);
+    add_w(command, handle);
     addId(command, id);
-    addHandle(command, static_cast<WORD>(value.size()));
+    add_w(command, static_cast<WORD>(value.size()));
     command << value << 0x00;
     TBytes response(2);
     send(command, response);
@@ -288,8 +284,9 @@ void CFSGost::create(WORD id, CFileInfo info) {
     // the size comes last.
     setAtr(entry.object, kAtrPath, valueFromPath(path));
     setAtr(holder, kAtrValue, TBytes(size, 0x00));
-    setAtr(entry.object, kAtrSize,
-           {static_cast<unsigned char>(size >> 8), static_cast<unsigned char>(size & 0xFF)});
+    TBytes sizeValue;
+    add_w(sizeValue, size);
+    setAtr(entry.object, kAtrSize, sizeValue);
 }
 
 void CFSGost::remove() {

@@ -332,29 +332,10 @@ TPath CFSIdprotect::listSimple(unsigned char kind) {
     return found;
 }
 
-void CFSIdprotect::read_bit(TBytes& data, WORD offset) {
-    FileCheckRange(offset, data.size(), info_.size, 0x6282);
-    const unsigned char length = static_cast<unsigned char>(data.size() & 0xFF);
-    TBytes command{0x00, 0xB0};
-    add_w(command, offset);
-    command << length;
-    TBytes response(length + 2u);
-    send(command, response);
-    checkSW(response);
-    if (response.size() != data.size() + 2) APDU_RAISE(0x6282);
-    data.assign(response.begin(), response.end() - 2);
-}
+void CFSIdprotect::read_bit(TBytes& data, WORD offset) { readBinary(data, offset, info_.size); }
 
 void CFSIdprotect::write_bit(const TBytes& data, WORD offset) {
-    FileCheckRange(offset, data.size(), info_.size, 0x6A84);
-    // Lc is one byte; the chunk loop never asks for more than bit_size().
-    if (data.size() > 0xFF) APDU_RAISE(0x6B00);
-    TBytes command{0x00, 0xD6};
-    add_w(command, offset);
-    command << static_cast<unsigned char>(data.size()) << data;
-    TBytes response(2);
-    send(command, response);
-    checkSW(response);
+    updateBinary(data, offset, info_.size);
 }
 
 }  // namespace libapdu

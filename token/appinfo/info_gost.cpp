@@ -6,8 +6,7 @@ namespace libapdu {
 
 namespace {
 
-// The status record: 24 bytes, of which these are read.
-constexpr std::size_t kStatusSize = 24;
+// The fields of the status record read here.
 constexpr std::size_t kVersion = 1;
 constexpr std::size_t kVersionSize = 4;
 constexpr std::size_t kMemoryFree = 9;
@@ -16,15 +15,22 @@ constexpr std::size_t kIdSize = 8;
 
 }  // namespace
 
+const TBytes tagGostStatus::kCommand{0x80, 0x15, 0x10, 0x00, 0x01, 0x01};
+
+TBytes tagGostStatus::record(const TBytes& response) {
+    if (response.size() < kSize + 2) APDU_RAISE(0x6281);
+    return TBytes(response.begin(), response.begin() + kSize);
+}
+
 CInfoGost::CStatus CInfoGost::get_status() {
-    TBytes response(258);
-    send({0x80, 0x15, 0x10, 0x00, 0x01, 0x01}, response);
+    TBytes response(tagGostStatus::kAnswer);
+    send(tagGostStatus::kCommand, response);
     checkSW(response);
-    if (response.size() < kStatusSize + 2) APDU_RAISE(0x6281);
-    const auto at = [&](std::size_t offset) { return response.begin() + offset; };
+    const TBytes record = tagGostStatus::record(response);
+    const auto at = [&](std::size_t offset) { return record.begin() + offset; };
     CStatus s;
     s.version.assign(at(kVersion), at(kVersion + kVersionSize));
-    s.memoryFree = static_cast<WORD>(response[kMemoryFree] << 8 | response[kMemoryFree + 1]);
+    s.memoryFree = static_cast<WORD>(record[kMemoryFree] << 8 | record[kMemoryFree + 1]);
     s.id.assign(at(kId), at(kId + kIdSize));
     return s;
 }

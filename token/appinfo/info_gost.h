@@ -6,6 +6,18 @@
 
 namespace libapdu {
 
+// The applet's 24-byte status record. The PIN driver and the applet's start
+// read the same record.
+struct tagGostStatus {
+    static constexpr std::size_t kSize = 24;
+    static constexpr std::size_t kAnswer = 258;
+    static const TBytes kCommand;  // 80 15 10 00 01 01
+
+    // The record from an answer with its status word; fails with 0x6281 when
+    // it holds fewer than 24 bytes.
+    static TBytes record(const TBytes& response);
+};
+
 class CInfoGost : public CInfoCommon {
 public:
     // The fields of the status record that this driver reads, numbers in

@@ -125,7 +125,8 @@ void CPackIdprotect::sm(const TBytes& apdu, TBytes& response) {
     answer.assign(kLongAnswer, 0);
     send(wrapped, answer);
     const WORD sw = extractSW(answer);
-    response = {static_cast<unsigned char>(sw >> 8), static_cast<unsigned char>(sw & 0xFF)};
+    response.clear();
+    add_w(response, sw);
 
     // Closed whatever the command's outcome; a failure here wins.
     TBytes closed(2);
@@ -172,7 +173,7 @@ void CPackIdprotect::chain(const TBytes& apdu, TBytes& response) {
             sw = collect(answer);
         }
     } while (!data.empty());
-    response << static_cast<unsigned char>(sw >> 8) << static_cast<unsigned char>(sw & 0xFF);
+    add_w(response, sw);
 }
 
 }  // namespace libapdu

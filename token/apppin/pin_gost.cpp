@@ -1,6 +1,7 @@
 #include "token/apppin/pin_gost.h"
 
 #include "libapdu/exception.h"
+#include "token/appinfo/info_gost.h"
 
 namespace libapdu {
 
@@ -25,12 +26,10 @@ bool isHarmlessLogout(WORD sw) { return sw == 0x0101 || sw == 0x6E01 || sw == 0x
 }  // namespace
 
 TBytes CPinGost::get_status() {
-    TBytes response(258);
-    send({0x80, 0x15, 0x10, 0x00, 0x01, 0x01}, response);
+    TBytes response(tagGostStatus::kAnswer);
+    send(tagGostStatus::kCommand, response);
     checkSW(response);
-    if (response.size() < kStatusSize + 2) APDU_RAISE(0x6281);
-    response.resize(kStatusSize);
-    return response;
+    return tagGostStatus::record(response);
 }
 
 void CPinGost::select(const TPath& path) {

@@ -9,7 +9,6 @@ namespace libapdu {
 
 class CPinGost : public CPinCommon {
 public:
-    static constexpr std::size_t kStatusSize = 24;
     static constexpr unsigned short kMinLength = 6;
     static constexpr unsigned short kMaxLength = 32;
 
