@@ -3,7 +3,10 @@
 #include "gost/gost_applet.h"
 #include "datastore/datastore_card.h"
 #include "idprotect/idprotect_applet.h"
+#include "manager/cryptopro_applet.h"
+#include "manager/manager_applet.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace vtoken {
@@ -29,14 +32,53 @@ const std::vector<JavaDialect>& dialects() {
 
 const std::vector<AppletKind>& kinds() {
     static const std::vector<AppletKind> table = {
-        {"gost", &gost::load},
-        {"datastore", &datastore::load},
-        {"idprotect", &idprotect::load},
+        {"gost", &gost::load},           {"datastore", &datastore::load},
+        {"idprotect", &idprotect::load}, {"manager", &manager::load},
+        {"cryptopro", &cryptopro::load},
+    };
+    return table;
+}
+
+// What `--applets` can add to any dialect's card.
+struct ExtraApplet {
+    const char* name;
+    std::unique_ptr<javacard::Applet> (*install)(javacard::InitOptions& options);
+};
+
+const std::vector<ExtraApplet>& extraApplets() {
+    static const std::vector<ExtraApplet> table = {
+        {"manager", &manager::install},
+        {"cryptopro", &cryptopro::install},
     };
     return table;
 }
 
 }  // namespace
+
+void addApplets(JavaInstallation& installation, javacard::InitOptions& options) {
+    const auto list = options.take("--applets");
+    if (!list) return;
+    std::size_t from = 0;
+    while (from <= list->size()) {
+        const std::size_t comma = std::min(list->find(',', from), list->size());
+        const std::string name = list->substr(from, comma - from);
+        from = comma + 1;
+        const auto extra = std::find_if(extraApplets().begin(), extraApplets().end(),
+                                        [&](const ExtraApplet& e) { return name == e.name; });
+        if (extra == extraApplets().end()) {
+            std::string known;
+            for (const auto& e : extraApplets())
+                known += (known.empty() ? "" : ", ") + std::string(e.name);
+            throw std::invalid_argument("--applets: no applet \"" + name + "\" (" + known + ")");
+        }
+        auto applet = extra->install(options);
+        // Two applets of one AID: the second could never be selected.
+        for (const auto& a : installation.applets)
+            if (a->aid() == applet->aid())
+                throw std::invalid_argument("--applets: the card already carries " + name);
+        installation.applets.push_back(std::move(applet));
+    }
+}
 
 const JavaDialect* javaDialect(const std::string& name) {
     for (const auto& d : dialects())
