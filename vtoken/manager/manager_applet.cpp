@@ -82,9 +82,10 @@ const Bytes& aid() {
 }
 
 const Bytes& defaultCplc() {
-    // Release level 01 02; dates are year digit and day of the year.
+    // Fabricator codes "KR" (no registered vendor); release level 01 02; dates
+    // are year digit and day of the year.
     static const Bytes kCplc = fromHex(
-        "40 90 80 10 82 31 11 20 01 02 11 35 12 34 56 78 00 01 40 90 11 40"
+        "4B 52 80 10 82 31 11 20 01 02 11 35 12 34 56 78 00 01 4B 52 11 40"
         " 00 00 11 42 00 00 00 00 00 00 00 00 00 00 11 50 00 00 00 00");
     return kCplc;
 }
