@@ -23,7 +23,7 @@ constexpr std::size_t kLongAnswer = 258;
 constexpr std::size_t kMarkerSize = 16;
 constexpr std::size_t kMaxDepth = 30;
 constexpr WORD kLargestSize = 0x7FFF;
-// The card says "not found" where it refuses to create or delete.
+// The card's "not found", which means a refusal where it creates or deletes.
 constexpr WORD kSwRefused = 0x6707;
 
 // Tags of a node description.
@@ -86,13 +86,15 @@ CFileInfo parseDescription(const TBytes& response) {
 
 }  // namespace
 
-TBytes JavaFamilyMarkerCommand(const JavaFamilyCommands& commands) {
+void JavaFamilyChangeMarker(IApplet& applet, const JavaFamilyCommands& commands) {
     TBytes value(kMarkerSize);
     crypto_random(value.data(), value.size());
     value[0] |= 0x01;
     TBytes command{commands.marker[0], commands.marker[1], 0x00, 0x00, kMarkerSize + 2};
     IAPDUDefinitions::add_tag1(command, kTagData, value);
-    return command;
+    TBytes response(2);
+    applet.send(command, response);
+    applet.checkSW(response);
 }
 
 template <const JavaFamilyCommands& Commands>
@@ -146,12 +148,7 @@ void CFSJavaFamily<Commands>::create(WORD id, CFileInfo info) {
     }
     TBytes command = header(Commands.create, 0x01, 0x00);
     add_1(command, body);
-    TBytes response(kLongAnswer);
-    send(command, response);
-    WORD sw = extractSW(response);
-    if (sw == kSwRefused) sw = 0x6900;
-    raiseSW(sw);
-    volatile_update();
+    changeTree(command, kLongAnswer);
 }
 
 template <const JavaFamilyCommands& Commands>
@@ -167,7 +164,12 @@ void CFSJavaFamily<Commands>::remove() {
     TBytes command = header(Commands.remove, 0x00, 0x00);
     command << 0x02;
     add_w(command, id);
-    TBytes response(2);
+    changeTree(command, 2);
+}
+
+template <const JavaFamilyCommands& Commands>
+void CFSJavaFamily<Commands>::changeTree(const TBytes& command, std::size_t answer) {
+    TBytes response(answer);
     send(command, response);
     WORD sw = extractSW(response);
     if (sw == kSwRefused) sw = 0x6900;
@@ -239,9 +241,7 @@ void CFSJavaFamily<Commands>::write_bit(const TBytes& data, WORD offset) {
 
 template <const JavaFamilyCommands& Commands>
 void CFSJavaFamily<Commands>::volatile_update() {
-    TBytes response(2);
-    send(JavaFamilyMarkerCommand(Commands), response);
-    checkSW(response);
+    JavaFamilyChangeMarker(*applet, Commands);
 }
 
 template class CFSJavaFamily<kJavaCommands>;

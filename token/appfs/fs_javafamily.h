@@ -22,9 +22,9 @@ struct JavaFamilyCommands {
 extern const JavaFamilyCommands kJavaCommands;
 extern const JavaFamilyCommands kJokerCommands;
 
-// The change marker command with 16 fresh random bytes, the first one odd so
-// that the value is never all zero.
-TBytes JavaFamilyMarkerCommand(const JavaFamilyCommands& commands);
+// Stamps the card's change marker through `applet` with 16 fresh random
+// bytes, the first one odd so that the value is never all zero.
+void JavaFamilyChangeMarker(IApplet& applet, const JavaFamilyCommands& commands);
 
 // The file system both applets emulate, one class per table of commands:
 // CFSJava and CFSJoker. Relative paths begin at 3F00 6666 5000.
@@ -45,6 +45,10 @@ public:
     void volatile_update();
 
 private:
+    // Sends a create or delete; the card's 0x6707 there is a refusal. Then
+    // stamps the marker.
+    void changeTree(const TBytes& command, std::size_t answer);
+
     TPath path_;  // the current node, absolute
     CFileInfo info_;
 };

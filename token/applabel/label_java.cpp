@@ -37,9 +37,7 @@ void CLabelJavaFamily<Commands>::write(const TBytes& label) {
 
 template <const JavaFamilyCommands& Commands>
 void CLabelJavaFamily<Commands>::volatile_update() {
-    TBytes response(2);
-    send(JavaFamilyMarkerCommand(Commands), response);
-    checkSW(response);
+    JavaFamilyChangeMarker(*applet, Commands);
 }
 
 template class CLabelJavaFamily<kJavaCommands>;
