@@ -260,10 +260,9 @@ TEST(JavaLabel, WriteResizesWithoutPaddingAndMarks) {
     for (const Dialect& d : kDialects) {
         Card card(d);
         IAppLabel* label = card.applet->label();
-        const TBytes longest(32, 'a');
         run(card.sender,
             {{[&] { label->write(TBytes(33, 'a')); }, {}, code(0x6B00)},
-             {[&] { label->write(longest); },
+             {[&] { label->write(TBytes(32, 'a')); },
               {home(card.d, "00 02"), fileAnswer(5), d.setSize + " 00 00 04 03 02 00 20 00", kOk,
                home(card.d, "00 02"), fileAnswer(32),
                d.write + " 00 00 26 0E 02 00 00 10 20 " + bytes(32, "61"), kOk, card.marker(), kOk},
