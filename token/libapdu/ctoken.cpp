@@ -1,9 +1,13 @@
 #include "ctoken.h"
 
 #include "libapdu/exception.h"
+#include "token/applet_cryptopro.h"
 #include "token/applet_datastore.h"
 #include "token/applet_gost.h"
 #include "token/applet_idprotect.h"
+#include "token/applet_java.h"
+#include "token/applet_javamanager.h"
+#include "token/applet_joker.h"
 #include "token/applet_pro.h"
 #include "token/applet_r2.h"
 
@@ -26,8 +30,12 @@ std::unique_ptr<IApplet> make(ISender* s) {
 const AppletKind kApplets[] = {
     {0x1001, &CAppletR2::checkIfExist, &make<CAppletR2>},
     {0x1002, &CAppletPro::checkIfExist, &make<CAppletPro>},
+    {0x2001, &CAppletJava::checkIfExist, &make<CAppletJava>},
+    {0x2002, &CAppletJavaManager::checkIfExist, &make<CAppletJavaManager>},
     {0x2101, &CAppletIdprotect::checkIfExist, &make<CAppletIdprotect>},
     {0x2202, &CAppletGost::checkIfExist, &make<CAppletGost>},
+    {0x2203, &CAppletCryptoPro::checkIfExist, &make<CAppletCryptoPro>},
+    {0x2204, &CAppletJoker::checkIfExist, &make<CAppletJoker>},
     {0x2205, &CAppletDataStore::checkIfExist, &make<CAppletDataStore>},
 };
 
