@@ -21,8 +21,10 @@ struct AppletKind {
 // One row per dialect and per applet kind.
 const std::vector<JavaDialect>& dialects() {
     static const std::vector<JavaDialect> table = {
-        {"gost", &gost::install},           {"datastore", &datastore::install},
-        {"idprotect", &idprotect::install}, {"java", &java::installJava},
+        {"gost", &gost::install},
+        {"datastore", &datastore::install},
+        {"idprotect", &idprotect::install},
+        {"java", &java::installJava},
         {"joker", &java::installJoker},
     };
     return table;
@@ -30,8 +32,11 @@ const std::vector<JavaDialect>& dialects() {
 
 const std::vector<AppletKind>& kinds() {
     static const std::vector<AppletKind> table = {
-        {"gost", &gost::load},     {"datastore", &datastore::load}, {"idprotect", &idprotect::load},
-        {"java", &java::loadJava}, {"joker", &java::loadJoker},
+        {"gost", &gost::load},
+        {"datastore", &datastore::load},
+        {"idprotect", &idprotect::load},
+        {"java", &java::loadJava},
+        {"joker", &java::loadJoker},
     };
     return table;
 }
