@@ -58,6 +58,14 @@ const char kUsage[] =
     "init options of the Java-card dialects (one card, applets chosen by AID):\n"
     "  --atr HEX         the card's answer to reset (default: the Java 1.0\n"
     "                    token, 3B D5 18 00 81 31 FE 7D 80 73 C8 21 10 F4)\n"
+    "  --applets LIST    more applets beside the dialect's own, comma-separated:\n"
+    "                    manager (A0 00 00 01 51 00 00: model name, identifier,\n"
+    "                    CPLC data), cryptopro (A0 00 00 04 48 01 02 01 02 02:\n"
+    "                    a selection only)\n"
+    "  --model-name TEXT with manager: the model text, at most 64 bytes\n"
+    "                    (default \"krFS Virtual Token\")\n"
+    "  --manager-id HEX  with manager: its identifier, 1 to 32 bytes; default\n"
+    "                    8 random bytes\n"
     "  gost (applet A0 00 00 04 48 01 01 01 06 02):\n"
     "  --user-pin PIN    1 to 32 bytes (default 12345678)\n"
     "  --admin-pin PIN   1 to 32 bytes (default 87654321)\n"
@@ -272,6 +280,7 @@ int initJavaCard(const vtoken::JavaDialect& dialect, const std::vector<std::stri
         }
         if (path.empty()) throw std::invalid_argument("init needs --state");
         vtoken::JavaInstallation installation = dialect.install(options);
+        vtoken::addApplets(installation, options);
         options.requireAllUsed(dialect.name);
         if (atr) installation.atr = *atr;
         vtoken::javacard::JavaCard card(std::move(installation.atr),

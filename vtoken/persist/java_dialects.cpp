@@ -4,7 +4,10 @@
 #include "datastore/datastore_card.h"
 #include "idprotect/idprotect_applet.h"
 #include "java/java_applet.h"
+#include "manager/cryptopro_applet.h"
+#include "manager/manager_applet.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace vtoken {
@@ -21,10 +24,8 @@ struct AppletKind {
 // One row per dialect and per applet kind.
 const std::vector<JavaDialect>& dialects() {
     static const std::vector<JavaDialect> table = {
-        {"gost", &gost::install},
-        {"datastore", &datastore::install},
-        {"idprotect", &idprotect::install},
-        {"java", &java::installJava},
+        {"gost", &gost::install},           {"datastore", &datastore::install},
+        {"idprotect", &idprotect::install}, {"java", &java::installJava},
         {"joker", &java::installJoker},
     };
     return table;
@@ -32,16 +33,40 @@ const std::vector<JavaDialect>& dialects() {
 
 const std::vector<AppletKind>& kinds() {
     static const std::vector<AppletKind> table = {
-        {"gost", &gost::load},
-        {"datastore", &datastore::load},
-        {"idprotect", &idprotect::load},
-        {"java", &java::loadJava},
+        {"gost", &gost::load},           {"datastore", &datastore::load},
+        {"idprotect", &idprotect::load}, {"manager", &manager::load},
+        {"cryptopro", &cryptopro::load}, {"java", &java::loadJava},
         {"joker", &java::loadJoker},
     };
     return table;
 }
 
 }  // namespace
+
+void addApplets(JavaInstallation& installation, javacard::InitOptions& options) {
+    const auto list = options.take("--applets");
+    if (!list) return;
+    std::size_t from = 0;
+    while (from <= list->size()) {
+        const std::size_t comma = std::min(list->find(',', from), list->size());
+        const std::string name = list->substr(from, comma - from);
+        from = comma + 1;
+        const auto extra = std::find_if(extraApplets().begin(), extraApplets().end(),
+                                        [&](const ExtraApplet& e) { return name == e.name; });
+        if (extra == extraApplets().end()) {
+            std::string known;
+            for (const auto& e : extraApplets())
+                known += (known.empty() ? "" : ", ") + std::string(e.name);
+            throw std::invalid_argument("--applets: no applet \"" + name + "\" (" + known + ")");
+        }
+        auto applet = extra->install(options);
+        // Two applets of one AID: the second could never be selected.
+        for (const auto& a : installation.applets)
+            if (a->aid() == applet->aid())
+                throw std::invalid_argument("--applets: the card already carries " + name);
+        installation.applets.push_back(std::move(applet));
+    }
+}
 
 const JavaDialect* javaDialect(const std::string& name) {
     for (const auto& d : dialects())

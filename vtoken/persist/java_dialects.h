@@ -29,6 +29,11 @@ const JavaDialect* javaDialect(const std::string& name);
 // "gost, datastore, ..." for messages.
 std::string javaDialectNames();
 
+// `--applets NAME,...`: adds each named applet ("manager", "cryptopro") to
+// the dialect's own, personalised from the options it takes. Throws
+// std::invalid_argument for an unknown name or one the card already carries.
+void addApplets(JavaInstallation& installation, javacard::InitOptions& options);
+
 // An applet from its saved state; throws std::invalid_argument for an
 // unknown kind or a bad state.
 std::unique_ptr<javacard::Applet> loadApplet(const std::string& kind,
