@@ -41,6 +41,20 @@ const std::vector<AppletKind>& kinds() {
     return table;
 }
 
+// What `--applets` can add to any dialect's card.
+struct ExtraApplet {
+    const char* name;
+    std::unique_ptr<javacard::Applet> (*install)(javacard::InitOptions& options);
+};
+
+const std::vector<ExtraApplet>& extraApplets() {
+    static const std::vector<ExtraApplet> table = {
+        {"manager", &manager::install},
+        {"cryptopro", &cryptopro::install},
+    };
+    return table;
+}
+
 }  // namespace
 
 void addApplets(JavaInstallation& installation, javacard::InitOptions& options) {
