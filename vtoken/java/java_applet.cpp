@@ -24,6 +24,7 @@ constexpr unsigned char kSmBit = 0x04;
 constexpr unsigned char kSelectMf = 0x00;
 constexpr unsigned char kSelectPath = 0x08;
 constexpr unsigned char kSelectP2 = 0x04;
+constexpr std::uint16_t kCreateP1P2 = 0x0100;
 constexpr unsigned char kListDirs = 0x01;
 constexpr unsigned char kListFiles = 0x02;
 constexpr std::size_t kListPage = 100;
@@ -297,7 +298,7 @@ Bytes JavaApplet::selectNode(const Command& c) {
 }
 
 Bytes JavaApplet::createNode(const Command& c) {
-    if (c.p1p2()) return respond(kBadParameters);
+    if (c.p1p2() != kCreateP1P2) return respond(kBadParameters);
     const auto type = field(c.data, kTagType, 1);
     const auto id = field(c.data, kTagId, 2);
     const auto size = field(c.data, kTagSize, 2);

@@ -180,16 +180,16 @@ TEST(JavaCard, FileSystemStory) {
             READ 00 00 04 0E 02 00 01 09 -> 6B 00
             SELECT 08 04 04 66 66 50 01 00 -> 67 07
             SELECT 08 04 04 66 66 50 00 00 -> 01 01 01 03 02 00 00 04 05 11 00 00 00 00 90 00
-            CREATE 00 00 12 01 01 02 02 02 00 01 03 02 00 10 04 05 11 11 11 11 11 -> 67 36
+            CREATE 01 00 12 01 01 02 02 02 00 01 03 02 00 10 04 05 11 11 11 11 11 -> 67 36
             LIST 02 00 04 09 02 00 00 CD -> 0A 06 00 02 00 0A 00 0F 0B 01 00 90 00
         )"));
         const Bytes salt = saltOf(card, d);
         EXPECT_EQ(login(card, d, "11", pkcs12Key(3, "12345678", salt)), "90 00");
         play(card, in(d, R"(
             SELECT 08 04 04 66 66 50 00 00 -> ... 90 00
-            CREATE 00 00 12 01 01 02 02 02 00 01 03 02 00 10 04 05 11 11 11 11 11 -> 90 00
-            CREATE 00 00 12 01 01 02 02 02 00 01 03 02 00 10 04 05 11 11 11 11 11 -> 67 03
-            CREATE 00 00 12 01 01 01 02 02 00 07 03 02 00 00 04 05 11 11 11 11 11 -> 90 00
+            CREATE 01 00 12 01 01 02 02 02 00 01 03 02 00 10 04 05 11 11 11 11 11 -> 90 00
+            CREATE 01 00 12 01 01 02 02 02 00 01 03 02 00 10 04 05 11 11 11 11 11 -> 67 03
+            CREATE 01 00 12 01 01 01 02 02 00 07 03 02 00 00 04 05 11 11 11 11 11 -> 90 00
             LIST 02 00 04 09 02 00 00 CD -> 0A 08 00 02 00 0A 00 0F 00 01 0B 01 00 90 00
             LIST 01 00 04 09 02 00 00 CD -> 0A 02 00 07 0B 01 00 90 00
             SELECT 08 04 06 66 66 50 00 00 01 00 -> 01 01 02 03 02 00 10 04 05 11 11 11 11 11 90 00
@@ -197,9 +197,9 @@ TEST(JavaCard, FileSystemStory) {
             READ 00 00 04 0E 02 00 03 03 -> 00 CA FE 90 00
             WRITE 00 00 08 0E 02 00 0F 10 02 CA FE -> 6B 00
             LIST 02 00 04 09 02 00 00 CD -> 67 01
-            CREATE 00 00 12 01 01 02 02 02 00 09 03 02 00 10 04 05 11 11 11 11 11 -> 67 01
+            CREATE 01 00 12 01 01 02 02 02 00 09 03 02 00 10 04 05 11 11 11 11 11 -> 67 01
             SELECT 08 04 06 66 66 50 00 00 07 00 -> ... 90 00
-            CREATE 00 00 12 01 01 02 02 02 00 09 03 02 00 00 04 05 00 00 00 00 00 -> 90 00
+            CREATE 01 00 12 01 01 02 02 02 00 09 03 02 00 00 04 05 00 00 00 00 00 -> 90 00
             SELECT 08 04 04 66 66 50 00 00 -> ... 90 00
             DELETE 00 00 02 00 07 -> 69 85    # not empty
             DELETE 00 00 02 00 08 -> 67 07
@@ -225,6 +225,8 @@ TEST(JavaCard, PinCountersChangeAndUnblock) {
         const Bytes salt = saltOf(card, d);
         const Bytes first = pkcs12Key(3, "12345678", salt), next = pkcs12Key(3, "11112222", salt);
         EXPECT_EQ(login(card, d, "11", first), "90 00");
+        EXPECT_EQ(send(card, in(d, "AUTH 00 11 0A 10 08 00 00 00 00 00 00 00 00")),
+                  "69 85");  // challenge used
         EXPECT_EQ(send(card, in(d, "CHANGE 00 11 1A 10 18 ") + toHex(next)), "90 00");
         EXPECT_EQ(send(card, in(d, "CHANGE 00 1A 1A 10 18 ") + toHex(next)), "67 07");
         EXPECT_EQ(send(card, in(d, "CHANGE 00 21 1A 10 18 ") + toHex(next)), "67 36");
@@ -304,8 +306,8 @@ TEST(JavaCard, MemoryLabelMarkerAndInformation) {
             RESIZE 00 00 04 03 02 00 04 00 -> 90 00
             READ 00 00 04 0E 02 00 00 04 -> 6B 72 46 53 90 00
             SELECT 08 04 04 66 66 50 00 00 -> ... 90 00
-            CREATE 00 00 12 01 01 02 02 02 00 01 03 02 00 33 04 05 00 00 00 00 00 -> 67 35
-            CREATE 00 00 12 01 01 02 02 02 00 01 03 02 00 32 04 05 00 00 00 00 00 -> 90 00
+            CREATE 01 00 12 01 01 02 02 02 00 01 03 02 00 33 04 05 00 00 00 00 00 -> 67 35
+            CREATE 01 00 12 01 01 02 02 02 00 01 03 02 00 32 04 05 00 00 00 00 00 -> 90 00
             MARKER 00 00 12 10 10 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10 -> 90 00
         )"));
         const auto* applet = card.find<vtoken::java::JavaApplet>();
@@ -322,7 +324,7 @@ TEST(JavaCard, ListPagesAndStateRoundTrip) {
     send(card, in(d, "SELECT 08 04 04 66 66 50 00 00"));
     for (int i = 0; i < 98; ++i) {
         const std::string id = toHex({0x10, static_cast<unsigned char>(i)});
-        ASSERT_EQ(send(card, in(d, "CREATE 00 00 12 01 01 02 02 02 " + id +
+        ASSERT_EQ(send(card, in(d, "CREATE 01 00 12 01 01 02 02 02 " + id +
                                        " 03 02 00 00 04 05 00 00 00 00 00")),
                   "90 00");
     }
