@@ -109,6 +109,20 @@ const char kUsage[] =
     "                    32 and each file its size\n"
     "  --info-version N  byte 97 of 3F00 3000 C000 (default 4; 3 or less makes\n"
     "                    a token the host refuses)\n"
+    "  java (applet A0 00 00 03 12 02 02) and joker (A0 00 00 04 48 00 04 01):\n"
+    "  --user-pin PIN    PIN object 11 (default 12345678)\n"
+    "  --admin-pin PIN   PIN object 21 (default 87654321)\n"
+    "  --pin-tries N     wrong PINs before a PIN blocks, 1 to 15 (default 10)\n"
+    "  --fips            FIPS token: file 000A holds 00 01, shadow PIN 1A, PIN\n"
+    "                    changes only through secure messaging\n"
+    "  --label TEXT      at most 32 bytes UTF-8, file 0002 (default krFS Java)\n"
+    "  --id HEX          identifier, 1 to 32 bytes; default 8 random bytes\n"
+    "  --memory N        bytes (default 32768); each node takes 32 and each\n"
+    "                    file its size\n"
+    "  --colour N        0 to 255 (default 1)\n"
+    "  --version HEX     1 to 32 bytes (default 01 00)\n"
+    "  --date HEX        manufacturing date, 1 to 32 bytes (default today,\n"
+    "                    YY YY MM DD in BCD)\n"
     "\n"
     "serve options:\n"
     "  --port N       vpcd port of the slot (default 35963, the first slot;\n"
@@ -236,7 +250,7 @@ unsigned char hexByte(const std::string& text, const std::string& what) {
 
 // init for a dialect that lives on the Java card: the platform takes
 // --state, --force and --atr, the dialect's applets every other option,
-// each with a value.
+// each with a value but the flag --fips.
 int initJavaCard(const vtoken::JavaDialect& dialect, const std::vector<std::string>& args) {
     std::string path;
     bool force = false;
@@ -255,6 +269,9 @@ int initJavaCard(const vtoken::JavaDialect& dialect, const std::vector<std::stri
                 force = true;
             } else if (a == "--atr") {
                 atr = vtoken::fromHex(o.value());
+            } else if (a == "--fips") {
+                // The one flag among the applets' options.
+                options.add("--fips", "1");
             } else if (a.rfind("--", 0) == 0) {
                 options.add(a, o.value());
             } else {

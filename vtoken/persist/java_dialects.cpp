@@ -3,6 +3,7 @@
 #include "gost/gost_applet.h"
 #include "datastore/datastore_card.h"
 #include "idprotect/idprotect_applet.h"
+#include "java/java_applet.h"
 #include "manager/cryptopro_applet.h"
 #include "manager/manager_applet.h"
 
@@ -23,9 +24,9 @@ struct AppletKind {
 // One row per dialect and per applet kind.
 const std::vector<JavaDialect>& dialects() {
     static const std::vector<JavaDialect> table = {
-        {"gost", &gost::install},
-        {"datastore", &datastore::install},
-        {"idprotect", &idprotect::install},
+        {"gost", &gost::install},           {"datastore", &datastore::install},
+        {"idprotect", &idprotect::install}, {"java", &java::installJava},
+        {"joker", &java::installJoker},
     };
     return table;
 }
@@ -34,7 +35,8 @@ const std::vector<AppletKind>& kinds() {
     static const std::vector<AppletKind> table = {
         {"gost", &gost::load},           {"datastore", &datastore::load},
         {"idprotect", &idprotect::load}, {"manager", &manager::load},
-        {"cryptopro", &cryptopro::load},
+        {"cryptopro", &cryptopro::load}, {"java", &java::loadJava},
+        {"joker", &java::loadJoker},
     };
     return table;
 }

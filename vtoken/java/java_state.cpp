@@ -1,0 +1,294 @@
+#include "java/java_state.h"
+
+#include "core/state_json.h"
+#include "java/java_crypto.h"
+
+#include <cstdio>
+#include <ctime>
+#include <sstream>
+#include <stdexcept>
+
+namespace vtoken::java {
+
+using json = nlohmann::ordered_json;
+
+namespace {
+
+// Deeper trees are refused when a state is read back.
+constexpr int kDepthMax = 16;
+constexpr std::size_t kValueMax = 32;
+constexpr std::size_t kMarkerSize = 16;
+constexpr std::size_t kPinMax = 32;
+
+std::string hexNumber(unsigned long n, int digits) {
+    char text[16];
+    std::snprintf(text, sizeof text, "%0*lX", digits, n);
+    return text;
+}
+
+Node dir(std::uint16_t id, unsigned char inside) {
+    Node n;
+    n.isDir = true;
+    n.id = id;
+    n.access[kInside] = inside;
+    return n;
+}
+
+Node file(std::uint16_t id, Bytes content, unsigned char write) {
+    Node n;
+    n.id = id;
+    n.content = std::move(content);
+    n.access[kWrite] = write;
+    return n;
+}
+
+// Today as YY YY MM DD in BCD.
+Bytes today() {
+    const std::time_t now = std::time(nullptr);
+    std::tm t{};
+    gmtime_r(&now, &t);
+    auto bcd = [](int v) { return static_cast<unsigned char>((v / 10) << 4 | (v % 10)); };
+    const int year = t.tm_year + 1900;
+    return {bcd(year / 100), bcd(year % 100), bcd(t.tm_mon + 1), bcd(t.tm_mday)};
+}
+
+void checkValue(const Bytes& v, const char* what) {
+    if (v.empty() || v.size() > kValueMax)
+        throw std::invalid_argument(std::string(what) + " has 1 to 32 bytes");
+}
+
+PinObject keyed(unsigned char id, unsigned triesTotal, const Bytes& slot0, const std::string& pin,
+                const Bytes& salt) {
+    PinObject p;
+    p.id = id;
+    p.triesTotal = p.triesLeft = static_cast<unsigned char>(triesTotal);
+    p.slots[0] = slot0;
+    for (unsigned char i = 1; i < kSlots; ++i) p.slots[i] = pinKey(i, pin, salt);
+    return p;
+}
+
+json nodeToJson(const Node& n) {
+    json j = {{"id", hexNumber(n.id, 4)},
+              {"type", n.isDir ? "dir" : "file"},
+              {"access", toHex(n.access)}};
+    if (!n.isDir) {
+        j["content"] = toHex(n.content);
+        return j;
+    }
+    json children = json::array();
+    for (const auto& c : n.children) children.push_back(nodeToJson(c));
+    j["children"] = children;
+    return j;
+}
+
+Node nodeFromJson(const json& j, int depth) {
+    if (!j.is_object()) throw std::invalid_argument("node: not an object");
+    if (depth > kDepthMax) throw std::invalid_argument("tree: too deep");
+    const Bytes id = hexField(j.value("id", json()), "node.id", 2);
+    Node n;
+    n.id = static_cast<std::uint16_t>(id[0] << 8 | id[1]);
+    const std::string where = "node " + hexNumber(n.id, 4);
+    const std::string type = j.value("type", "");
+    if (type != "dir" && type != "file") throw std::invalid_argument(where + ": type dir or file");
+    n.isDir = type == "dir";
+    n.access = hexField(j.value("access", json()), "node.access", kAccessSize);
+    if (!n.isDir) {
+        n.content = hexField(j.value("content", json("")), "node.content");
+        if (n.content.size() > 0xFFFF) throw std::invalid_argument(where + ": above 65535 bytes");
+        return n;
+    }
+    const json& children = j.value("children", json::array());
+    if (!children.is_array()) throw std::invalid_argument(where + ": children is a list");
+    for (const auto& c : children) {
+        Node child = nodeFromJson(c, depth + 1);
+        if (n.child(child.id))
+            throw std::invalid_argument(where + ": child " + hexNumber(child.id, 4) + " twice");
+        n.children.push_back(std::move(child));
+    }
+    return n;
+}
+
+void describeNode(std::ostringstream& out, const Node& n, const std::string& path) {
+    out << "  " << path << (n.isDir ? "  dir" : "  file " + std::to_string(n.content.size()))
+        << (n.isDir ? "" : " bytes") << "  access " << toHex(n.access) << "\n";
+    for (const auto& c : n.children) describeNode(out, c, path + "/" + hexNumber(c.id, 4));
+}
+
+const char* pinRole(unsigned char id) {
+    switch (id) {
+        case kUserPin:
+            return "user";
+        case kShadowPin:
+            return "shadow of the user PIN";
+        case kAdminPin:
+            return "administrator";
+        default:
+            return "other";
+    }
+}
+
+}  // namespace
+
+Node* Node::child(std::uint16_t childId) {
+    for (auto& c : children)
+        if (c.id == childId) return &c;
+    return nullptr;
+}
+
+std::size_t Node::cost() const {
+    std::size_t total = kNodeCost + content.size();
+    for (const auto& c : children) total += c.cost();
+    return total;
+}
+
+Node* JavaState::find(const Path& below) {
+    Node* n = &root;
+    for (std::uint16_t id : below)
+        if (!n->isDir || !(n = n->child(id))) return nullptr;
+    return n;
+}
+
+PinObject* JavaState::pin(unsigned char pinId) {
+    for (auto& p : pins)
+        if (p.id == pinId) return &p;
+    return nullptr;
+}
+
+std::size_t JavaState::memoryFree() const {
+    const std::size_t used = root.cost();
+    return used < memory ? memory - used : 0;
+}
+
+JavaState personalise(const Personalisation& p) {
+    if (p.triesTotal < 1 || p.triesTotal > kTriesMax)
+        throw std::invalid_argument("the PINs take 1 to 15 tries");
+    for (const auto* pin : {&p.userPin, &p.adminPin})
+        if (pin->empty() || pin->size() > kPinMax)
+            throw std::invalid_argument("a PIN has 1 to 32 bytes");
+    if (p.label.size() > kLabelMax) throw std::invalid_argument("a label has at most 32 bytes");
+    if (p.colour > 0xFF) throw std::invalid_argument("the colour is a byte");
+    JavaState s;
+    s.fips = p.fips;
+    s.memory = p.memory;
+    s.info = {p.id ? *p.id : randomBytes(8), p.date ? *p.date : today(),
+              static_cast<unsigned char>(p.colour), p.version};
+    checkValue(s.info.id, "the identifier");
+    checkValue(s.info.date, "the date");
+    checkValue(s.info.version, "the version");
+
+    const Bytes salt = randomBytes(kSaltSize);
+    // The host logs the user in with key 0 on a FIPS token, key 3 otherwise.
+    s.pins.push_back(
+        keyed(kUserPin, p.triesTotal, pinKey(p.fips ? 0 : 3, p.userPin, salt), p.userPin, salt));
+    s.pins.push_back(keyed(kAdminPin, p.triesTotal, adminKey(p.adminPin), p.adminPin, salt));
+    if (p.fips) {
+        const Bytes b = randomBytes(kSaltSize);
+        const std::string secret(b.begin(), b.end());
+        s.pins.push_back(keyed(kShadowPin, p.triesTotal, pinKey(0, secret, salt), secret, salt));
+    }
+
+    s.root = dir(kMf, kAdminPin);
+    Node application = dir(kApplicationDir, kAdminPin);
+    Node home = dir(kHomeDir, kUserPin);
+    home.children.push_back(file(kLabelFile, Bytes(p.label.begin(), p.label.end()), kUserPin));
+    home.children.push_back(file(kFipsFile, {0x00, static_cast<unsigned char>(p.fips)}, kAdminPin));
+    home.children.push_back(file(kSaltFile, salt, kAdminPin));
+    application.children.push_back(std::move(home));
+    s.root.children.push_back(std::move(application));
+    if (s.root.cost() > s.memory)
+        throw std::invalid_argument("the memory must hold at least " +
+                                    std::to_string(s.root.cost()) + " bytes");
+    return s;
+}
+
+json toJson(const JavaState& s) {
+    json pins = json::array();
+    for (const auto& p : s.pins) {
+        json slots = json::array();
+        for (const auto& k : p.slots) slots.push_back(toHex(k));
+        pins.push_back({{"id", hexNumber(p.id, 2)},
+                        {"tries_total", p.triesTotal},
+                        {"tries_left", p.triesLeft},
+                        {"slots", slots}});
+    }
+    return {{"fips", s.fips},
+            {"marker", toHex(s.marker)},
+            {"memory", s.memory},
+            {"info",
+             {{"id", toHex(s.info.id)},
+              {"date", toHex(s.info.date)},
+              {"colour", s.info.colour},
+              {"version", toHex(s.info.version)}}},
+            {"pins", pins},
+            {"tree", nodeToJson(s.root)}};
+}
+
+JavaState fromJson(const json& j) {
+    if (!j.is_object()) throw std::invalid_argument("state: not an object");
+    JavaState s;
+    const json& fips = j.value("fips", json(false));
+    if (!fips.is_boolean()) throw std::invalid_argument("fips: true or false");
+    s.fips = fips.get<bool>();
+    s.marker = hexField(j.value("marker", json("")), "marker");
+    if (!s.marker.empty() && s.marker.size() != kMarkerSize)
+        throw std::invalid_argument("marker: 16 bytes or none");
+    s.memory = numberField(j, "memory", 0, 0x7FFFFFFF, s.memory);
+    const json& info = j.value("info", json());
+    if (!info.is_object()) throw std::invalid_argument("info: not an object");
+    s.info = {hexField(info.value("id", json()), "info.id"),
+              hexField(info.value("date", json()), "info.date"),
+              static_cast<unsigned char>(numberField(info, "colour", 0, 0xFF)),
+              hexField(info.value("version", json()), "info.version")};
+    const json& pins = j.value("pins", json());
+    if (!pins.is_array()) throw std::invalid_argument("pins: a list");
+    for (const auto& p : pins) {
+        if (!p.is_object()) throw std::invalid_argument("pin: not an object");
+        PinObject pin;
+        pin.id = hexField(p.value("id", json()), "pin.id", 1)[0];
+        pin.triesTotal = static_cast<unsigned char>(numberField(p, "tries_total", 1, kTriesMax));
+        pin.triesLeft = static_cast<unsigned char>(numberField(p, "tries_left", 0, pin.triesTotal));
+        const json& slots = p.value("slots", json());
+        if (!slots.is_array() || slots.size() != kSlots)
+            throw std::invalid_argument("pin.slots: a list of five");
+        for (std::size_t i = 0; i < kSlots; ++i) {
+            pin.slots[i] = hexField(slots[i], "pin.slots");
+            if (!pin.slots[i].empty() && pin.slots[i].size() != kKeySize)
+                throw std::invalid_argument("pin.slots: 24-byte keys or empty");
+        }
+        if (s.pin(pin.id)) throw std::invalid_argument("pin " + hexNumber(pin.id, 2) + " twice");
+        s.pins.push_back(std::move(pin));
+    }
+    if (!s.pin(kUserPin) || !s.pin(kAdminPin))
+        throw std::invalid_argument("pins: the user PIN 11 and the administrator PIN 21");
+    s.root = nodeFromJson(j.value("tree", json()), 0);
+    if (!s.root.isDir || s.root.id != kMf) throw std::invalid_argument("tree: begins at 3F00");
+    return s;
+}
+
+std::string describe(const JavaState& s) {
+    std::ostringstream out;
+    out << "identifier  " << toHex(s.info.id) << "\n"
+        << "version     " << toHex(s.info.version) << "\n"
+        << "date        " << toHex(s.info.date) << "\n"
+        << "colour      " << unsigned{s.info.colour} << "\n"
+        << "memory      " << s.memory << " bytes, " << s.memoryFree() << " free\n"
+        << "FIPS        " << (s.fips ? "yes" : "no") << "\n"
+        << "marker      " << (s.marker.empty() ? "none" : toHex(s.marker)) << "\n";
+    if (const Node* label = const_cast<JavaState&>(s).find({kApplicationDir, kHomeDir, kLabelFile});
+        label && !label->isDir)
+        out << "label       \"" << std::string(label->content.begin(), label->content.end())
+            << "\"\n";
+    for (const auto& p : s.pins) {
+        out << "PIN " << hexNumber(p.id, 2) << "  " << pinRole(p.id) << "  tries "
+            << unsigned{p.triesLeft} << "/" << unsigned{p.triesTotal}
+            << (p.triesLeft == 0 ? "  BLOCKED" : "") << "  keys in slots";
+        for (std::size_t i = 0; i < kSlots; ++i)
+            if (!p.slots[i].empty()) out << " " << i;
+        out << "\n";
+    }
+    out << "tree\n";
+    describeNode(out, s.root, hexNumber(kMf, 4));
+    return out.str();
+}
+
+}  // namespace vtoken::java
