@@ -35,7 +35,7 @@ const char kUsage[] =
     "  --state FILE      where the token is kept (required); an existing file\n"
     "                    is replaced only with --force\n"
     "  --dialect D       pro (default), r2, or a Java-card dialect: gost,\n"
-    "                    datastore, idprotect\n"
+    "                    datastore, idprotect, java, joker\n"
     "  --model M         pro16, pro32, pro42 (default) or pro42b\n"
     "  --fips            FIPS layout: home 3F00 6666 5000, no administrator PIN\n"
     "  --label TEXT      token label, UTF-8, at most 32 bytes (R2: no zero\n"
