@@ -1,11 +1,9 @@
-// The Java and Joker PIN drivers and secure messaging against a scripted card
-// whose keys, MACs and ciphers come from OpenSSL; the file system and the FIPS
-// state are doubles.
+// The Java and Joker PIN and secure messaging drivers against a card computed
+// with OpenSSL; the file system and the FIPS state are doubles.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <ctime>
-#include <set>
 
 #include "token/apppack/pack_joker.h"
 #include "token/apppin/pin_joker.h"
@@ -14,70 +12,61 @@
 namespace {
 
 using namespace krfs_test;
-using oracle::saltedKey;
 using Keys = std::vector<TBytes>;
 using Paths = std::vector<TPath>;
+using uc = unsigned char;
+const TBytes kOk = hex("90 00");
+const TPath kSaltFile{0x000F}, kUp{0x3F00, 0x6666};
+const std::string kStatus = "23 01 03 06 01 0A 20 01 00 90 00";
 
 Keys keysOf(const TBytes& pin) {
     Keys k;
-    for (int i = 0; i < 5; ++i) k.push_back(saltedKey(i, pin, kSalt));
+    for (int i = 0; i < 5; ++i) k.push_back(oracle::saltedKey(i, pin, kSalt));
     return k;
 }
-TBytes cbc(const TBytes& key, const TBytes& iv, const TBytes& data, bool encrypt) {
-    return oracle::evp("DES-EDE3-CBC", key, iv, data, encrypt);
+TBytes cbc(const TBytes& key, const TBytes& iv, const TBytes& data) {  // 0x80 padding
+    return oracle::evp("DES-EDE3-CBC", key, iv, oracle::isoPad(data), true);
 }
-TBytes mac3(const TBytes& key, const TBytes& data) {  // full triple DES, 0x80 padding
-    const TBytes c = cbc(key, TBytes(8, 0), oracle::isoPad(data), true);
+TBytes mac3(const TBytes& key, const TBytes& data) {
+    const TBytes c = cbc(key, TBytes(8, 0), data);
     return TBytes(c.end() - 8, c.end());
 }
-
-// The card's view of a wrapped command under session keys `k` and its challenge `c`.
-struct Opened {
-    TBytes header, lc, iv, h, plain, le;
-};
-Opened open(const TBytes& cmd, const Keys& k, TBytes c) {
-    Opened o;
-    auto s = [&](std::size_t from, std::size_t n) { return TBytes(&cmd[from], &cmd[from] + n); };
-    const std::size_t at = cmd[4] ? 5 : 7, end = cmd.size() - 2, tail = end - 34;
-    const bool longE = cmd[at + 1] == 0xFF;
-    const std::size_t e = at + (longE ? 4 : 2),
-                      n = longE ? cmd[at + 2] << 8 | cmd[at + 3] : cmd[at + 1];
-    o.header = s(0, 4), o.lc = s(4, at - 4), o.iv = s(tail + 2, 8), o.h = s(tail + 16, 8),
-    o.le = s(end, 2);
-    EXPECT_EQ(o.lc.size() == 1 ? o.lc[0] : o.lc[1] << 8 | o.lc[2], end - at);
-    EXPECT_EQ(
-        toHex(s(at, 1)) + toHex(s(tail, 34)),
-        toHex(
-            cat({{0x32, 0x22, 8}, o.iv, hex("34 02 01 3E 33 08"), o.h, {0x0D, 8}, s(end - 8, 8)})));
-    EXPECT_EQ(e + n, tail) << "ciphertext length";
-    ++c[7];
-    EXPECT_EQ(s(end - 8, 8), mac3(k[2], cat({s(0, end - 8), c}))) << "command MAC";
-    o.plain = cbc(k[1], o.iv, s(e, tail - e), false);
-    while (!o.plain.empty() && o.plain.back() == 0) o.plain.pop_back();
-    if (!o.plain.empty() && o.plain.back() == 0x80) o.plain.pop_back();
-    return o;
+TBytes withLength(const TBytes& head, std::size_t n, uc escape) {
+    return n > 254 ? cat({head, {escape, uc(n >> 8), uc(n)}}) : cat({head, {uc(n)}});
 }
-// A protected answer: `part` framed with its MAC under k[4].
-TBytes framed(const Keys& k, const TBytes& h, const TBytes& part, const TBytes& sw) {
+// What the card takes for `apdu` wrapped under session keys `k` and its challenge `c`.
+TBytes wrapped(const Keys& k, TBytes c, const TBytes& apdu, const TBytes& iv, const TBytes& h) {
+    TBytes header, data;
+    unsigned short le = 0;
+    IAPDUDefinitions::parse_capdu(apdu, header, data, le);
+    header[0] |= 0x04, ++c[7];
+    const TBytes e = cbc(k[1], iv, data);
+    const TBytes body =
+        cat({withLength({0x32}, e.size(), 0xFF), e, {0x22, 8}, iv, hex("340201 3E 3308"), h});
+    const TBytes head = cat({withLength(header, body.size() + 10, 0x00), body, {0x0D, 8}});
+    return cat({head, mac3(k[2], cat({head, c})), {uc((le + 0x20) >> 8), uc(le + 0x20)}});
+}
+// A protected answer: `part` and its MAC under key 4.
+TBytes framed(const Keys& k, const TBytes& h, const TBytes& part, const TBytes& sw = kOk) {
     return cat({part, {0x0D, 8}, mac3(k[4], cat({part, h, sw, {0x0D, 8}})), sw});
 }
-TBytes reply(const Keys& k, const TBytes& h, const TBytes& data, const TBytes& sw) {
-    if (data.empty()) return framed(k, h, cat({{0x99, 0x02}, sw}), sw);
-    const TBytes iv = oracle::random(8), e = cbc(k[3], iv, oracle::isoPad(data), true);
-    return framed(k, h, cat({{0x22, 8}, iv, {0x32, static_cast<unsigned char>(e.size())}, e}), sw);
+TBytes reply(const Keys& k, const TBytes& h, const TBytes& data) {
+    if (data.empty()) return framed(k, h, hex("99 02 90 00"));
+    const TBytes iv = oracle::random(8), e = cbc(k[3], iv, data);
+    return framed(k, h, cat({{0x22, 8}, iv, {0x32, uc(e.size())}, e}));
 }
 
-// Records the selections; serves the salt from 000F and fails on the paths in `failing`.
+// Records the selections, serves the salt, and fails on the path `failing`.
 struct FakeFS : IAppFS {
     void select(TPath path) override {
         selected.push_back(path);
-        if (failing.count(path)) APDU_RAISE(0x6A82);
-        current = path;
+        if (path == failing) APDU_RAISE(0x6A82);
     }
-    void read(TBytes& data, WORD) override { data = current == TPath{0x000F} ? kSalt : TBytes(); }
+    void read(TBytes& data, WORD) override {
+        data = selected.back() == kSaltFile ? kSalt : TBytes();
+    }
     Paths selected;
-    std::set<TPath> failing;
-    TPath current;
+    TPath failing{0xFFFF};
 };
 struct FakeInfo : IAppInfo {
     bool isFips() override { return fips; }
@@ -101,83 +90,78 @@ struct Dialect {
 };
 const Dialect kDialects[] = {{false, 0x07, 0x17, 0x11, 0x0F, 0x1B},
                              {true, 0x14, 0x12, 0x10, 0x18, 0x1D}};
-const std::string kStatus = "23 01 03 06 01 0A 20 01 00 90 00";
 
-// One applet of a dialect with its card's exchanges.
+// An applet of one dialect, and its card's side of the exchanges.
 struct Rig {
-    explicit Rig(const Dialect& d, bool fips = false) : d(d) { applet.fips->fips = fips; }
+    explicit Rig(const Dialect& d, bool fips = false, const Keys& session = {}) : d(d) {
+        applet.fips->fips = fips;
+        for (std::size_t i = 0; i < session.size(); ++i) pack->keySet(i, session[i]);
+    }
     void status(unsigned id, const std::string& answer) {
         card.expect(apdu("80 %02X 00 %02X 05 10 03 23 06 20 00", d.status, id), answer);
     }
-    void authenticate(unsigned id, const TBytes& key, const std::string& sw) {
+    void authenticate(unsigned id, const TBytes& key, const std::string& sw = "90 00") {
         card.expect(apdu("80 %02X 00 00 08", d.challenge), toHex(kChallenge) + "90 00");
         card.expect(apdu("80 %02X 00 %02X 0A 10 08 ", d.authenticate, id) +
                         toHex(oracle::challengeMac(key, kChallenge)),
                     sw);
     }
-    std::string changed(unsigned ins, unsigned id, const TBytes& key) {
-        return apdu("80 %02X 00 %02X 1A 10 18 ", ins, id) + toHex(key);
+    void changed(unsigned ins, unsigned id, const TBytes& key, const char* sw = "90 00") {
+        card.expect(apdu("80 %02X 00 %02X 1A 10 18 ", ins, id) + toHex(key), sw);
     }
-    void refresh() {  // a fresh marker with its low bit set
+    void refresh() {  // a fresh marker, its low bit set
         card.respond([this](const TBytes& cmd) {
-            EXPECT_EQ(toHex(TBytes(cmd.begin(), cmd.begin() + 7)),
-                      apdu("80 %02X 00 00 12 10 10 ", d.refresh));
+            EXPECT_EQ(toHex(cmd).substr(0, 21), apdu("80 %02X 00 00 12 10 10 ", d.refresh));
             EXPECT_TRUE(cmd.size() == 23 && (cmd[7] & 1)) << toHex(cmd);
-            return hex("90 00");
+            return kOk;
         });
     }
-    // One wrapped command under `k`; the card keeps the inner command and answers 90 00.
-    void sm(const Keys& k) {
+    void sm(const Keys& k) {  // one wrapped command, kept
         const TBytes c = oracle::random(8);
         card.expect(apdu("80 %02X 01 00 08", d.challenge), toHex(c) + "90 00");
         card.respond([this, k, c](const TBytes& cmd) {
-            const Opened o = open(cmd, k, c);
-            inner.push_back(toHex(cat({o.header, o.plain, o.le})));
-            return reply(k, o.h, {}, hex("90 00"));
+            sent.push_back({k, c, cmd});
+            return reply(k, TBytes(cmd.end() - 20, cmd.end() - 12), {});
         });
+    }
+    bool carried(std::size_t i, const TBytes& apdu) {  // wrapped command i carried `apdu`
+        const auto& [k, c, cmd] = sent.at(i);
+        const auto at = cmd.end() - 2;
+        return cmd == wrapped(k, c, apdu, {at - 32, at - 24}, {at - 18, at - 10});
     }
     const Dialect& d;
     ScriptedSender card;
     JavaApplet applet{&card, d.joker};
     IAppPin* pin = applet.pin();
-    IAppPack* pack = applet.pack();
+    CPackJava* pack = static_cast<CPackJava*>(applet.pack());
     Paths& fs = applet.fs->selected;
-    std::vector<std::string> inner;
+    std::vector<std::tuple<Keys, TBytes, TBytes>> sent;
 };
 
-TEST(JavaPin, StatusOfTheUserPinAndOnJavaTheAdministrator) {
-    // The answer; attempts left, total and login state, or the failure.
-    const std::tuple<const char*, std::vector<int>, long> rows[] = {
-        {kStatus.c_str(), {3, 10, 0}, 0},
-        {"20 01 01 06 01 F0 23 01 05 90 00", {5, 0x7F, 0xFF}, 0},  // a total of 0 shows as 0x7F
-        {"23 01 03 06 01 0A 90 00", {}, code(0x6281)},             // no verified flag
-        {"23 01 03 06 05 0A 20 01 01 90 00", {}, code(0x6281)},    // past the answer
-        {"67 07", {}, code(0x6A82)},
+TEST(JavaPin, StatusOfTheUserPin) {
+    const std::vector<int> unknown{0, 0, 255, 255, 0x10};  // the record as reset
+    const std::tuple<std::string, std::vector<int>, long> rows[] = {
+        {kStatus, {6, 16, 3, 10, 0}, 0},
+        {"20 01 01 06 01 F0 23 01 05 90 00",
+         {6, 16, 5, 0x7F, 0xFF},
+         0},                                                          // a total of 0 shows as 0x7F
+        {"23 01 03 06 01 0A 90 00", unknown, code(0x6281)},           // no verified flag
+        {"23 01 03 06 05 0A 20 01 01 90 00", unknown, code(0x6281)},  // past the end
+        {"67 07", unknown, code(0x6A82)},
     };
     for (const Dialect& d : kDialects) {
         for (const auto& [answer, fields, failure] : rows) {
             Rig r(d);
             r.status(0x11, answer);
             EXPECT_EQ(failureCode([&] { r.pin->select({0x0011}); }), failure) << answer;
-            const std::vector<int> p = pinFields(r.pin->info());
-            if (!failure) {
-                EXPECT_EQ(std::vector<int>(p.begin() + 2, p.end()), fields) << answer;
-            }
+            EXPECT_EQ(pinFields(r.pin->info()), fields) << answer;
             EXPECT_EQ(r.fs, Paths{{}});
             EXPECT_EQ(r.card.offered, std::vector<std::size_t>{258});
         }
-        Rig r(d);  // Joker reads no administrator status; nobody reads the global PIN's
-        if (!d.joker) r.status(0x21, "23 01 02 06 01 03 20 01 01 90 00");
-        r.pin->select({0x0021});
-        EXPECT_EQ(pinFields(r.pin->info()), (d.joker ? std::vector<int>{6, 16, 255, 255, 0x10}
-                                                     : std::vector<int>{6, 16, 2, 3, 0xFF}));
-        r.pin->select(r.pin->pathGlobal());
-        EXPECT_EQ(pinFields(r.pin->info()), (std::vector<int>{6, 16, 255, 255, 0x10}));
-        EXPECT_EQ(r.fs, (d.joker ? Paths{} : Paths{{0x3F00, 0x6666}}));
     }
 }
 
-TEST(JavaPin, LoginAnswersTheChallengeWithTheKeyOfTheMode) {
+TEST(JavaPin, LoginCountsDownAndTakesTheKeyOfTheMode) {
     // FIPS, attempts left before, the card's word; left after, the failure.
     const std::tuple<bool, unsigned, const char*, int, long> rows[] = {
         {false, 3, "90 00", 10, 0},
@@ -190,19 +174,17 @@ TEST(JavaPin, LoginAnswersTheChallengeWithTheKeyOfTheMode) {
             Rig r(d, fips);
             r.status(0x11, apdu("23 01 %02X 06 01 0A 20 01 00 90 00", before));
             r.pin->select(r.pin->pathUser());
-            r.authenticate(0x11, saltedKey(fips ? 0 : 3, kPin, kSalt), sw);
+            r.authenticate(0x11, keysOf(kPin)[fips ? 0 : 3], sw);
             EXPECT_EQ(failureCode([&] { r.pin->login(kPin); }), failure) << sw;
-            EXPECT_EQ(r.pin->info().attemptsLeft, after);
-            EXPECT_EQ(r.pin->info().loginState, failure ? 0 : 0xFF);
-            EXPECT_EQ(r.fs, (Paths{{}, {0x000F}, {}}));
+            EXPECT_EQ(pinFields(r.pin->info()),
+                      (std::vector<int>{6, 16, after, 10, failure ? 0 : 0xFF}));
+            EXPECT_EQ(r.fs, (Paths{{}, kSaltFile, {}}));
             for (int i = 0; i < 5; ++i) EXPECT_EQ(r.pack->keyGet(i), keysOf(kPin)[i]);
         }
         Rig r(d);
-        for (const char* challenge : {"01 02 03 90 00", "90"}) {
-            r.card.expect(apdu("80 %02X 00 00 08", d.challenge), challenge);
-            EXPECT_EQ(failureCode([&] { r.pin->login(kPin); }), code(0x6281)) << challenge;
-        }
-        r.applet.fs->failing = {{0x000F}};  // no salt: nothing is sent
+        r.card.expect(apdu("80 %02X 00 00 08", d.challenge), "01 02 03 90 00");
+        EXPECT_EQ(failureCode([&] { r.pin->login(kPin); }), code(0x6281));
+        r.applet.fs->failing = kSaltFile;  // no salt: nothing is sent
         EXPECT_EQ(failureCode([&] { r.pin->login(kPin); }), code(0x6A82));
     }
 }
@@ -211,19 +193,21 @@ TEST(JavaPin, AdministratorBranchOnJavaOnly) {
     for (const Dialect& d : kDialects) {
         Rig r(d);
         r.pack->keySet(3, hex("0102"));  // an earlier user login
-        if (!d.joker) r.status(0x21, kStatus);
+        if (!d.joker) r.status(0x21, "23 01 02 06 01 03 20 01 01 90 00");
         r.pin->select({0x0021});
-        r.authenticate(0x21, d.joker ? saltedKey(3, kPin, kSalt) : oracle::plainKey(kPin), "90 00");
+        EXPECT_EQ(
+            pinFields(r.pin->info()),
+            (std::vector<int>{6, 16, d.joker ? 255 : 2, d.joker ? 255 : 3, d.joker ? 0x10 : 0xFF}));
+        r.authenticate(0x21, d.joker ? keysOf(kPin)[3] : oracle::plainKey(kPin));
         r.pin->login(kPin);
-        const TBytes key = d.joker ? saltedKey(3, kNewPin, kSalt) : oracle::plainKey(kNewPin);
-        r.card.expect(r.changed(d.change, 0x21, key), "90 00");
+        const TBytes key = d.joker ? keysOf(kNewPin)[3] : oracle::plainKey(kNewPin);
+        r.changed(d.change, 0x21, key);
         r.refresh();
         r.pin->change(kNewPin);
-        const TPath up{0x3F00, 0x6666}, salt{0x000F};
-        EXPECT_EQ(r.fs, (d.joker ? Paths{salt, {}, salt, {}} : Paths{up, up}));
-        if (!d.joker) {
-            EXPECT_EQ(r.pack->keyGet(3), hex("0102"));
-        }
+        EXPECT_EQ(r.fs, (d.joker ? Paths{kSaltFile, {}, kSaltFile, {}} : Paths{kUp, kUp}));
+        EXPECT_EQ(r.pack->keyGet(3), d.joker ? key : hex("0102"));
+        r.pin->select(r.pin->pathGlobal());  // sends nothing, knows nothing
+        EXPECT_EQ(pinFields(r.pin->info()), (std::vector<int>{6, 16, 255, 255, 0x10}));
     }
 }
 
@@ -232,146 +216,118 @@ TEST(JavaPin, PlainChangeUnblockAndLogout) {
         Rig r(d);
         r.status(0x11, kStatus);
         r.pin->select({0x0011});
-        const TBytes key = saltedKey(3, kNewPin, kSalt);
-        r.card.expect(r.changed(d.change, 0x11, key), "90 00");
+        const TBytes key = keysOf(kNewPin)[3];
+        r.changed(d.change, 0x11, key);
         r.refresh();
         r.pin->change(kNewPin);
-        EXPECT_EQ(r.fs, (d.joker ? Paths{{}, {0x000F}, {}} : Paths{{}, {0x000F}}));
+        EXPECT_EQ(r.fs, (d.joker ? Paths{{}, kSaltFile, {}} : Paths{{}, kSaltFile}));
         if (d.joker) {
             EXPECT_EQ(failureCode([&] { r.pin->unblock(kNewPin); }), code(0xFACE));
         } else {
-            r.card.expect(r.changed(0x13, 0x11, key), "90 00");
+            r.changed(0x13, 0x11, key);
             r.refresh();
             r.pin->unblock(kNewPin);
-            r.card.expect(r.changed(0x13, 0x11, key), "67 36");  // refused: no marker
+            r.changed(0x13, 0x11, key, "67 36");  // refused: no marker
             EXPECT_EQ(failureCode([&] { r.pin->unblock(kNewPin); }), code(0x6900));
         }
         r.pin->logout();
+        EXPECT_EQ(static_cast<CPinJava*>(r.pin)->pathUser2(), TPath{}) << "no shadow outside FIPS";
         EXPECT_EQ(r.fs.back(), TPath{0x3F00});
         EXPECT_EQ(r.pin->info().loginState, 0);
-        EXPECT_EQ(failureCode([&] { r.pack->keyGet(0); }), code(0x6900));
+        EXPECT_EQ(failureCode([&] { r.pack->keyGet(3); }), code(0x6900));
     }
 }
 
-// The bytes crypto_random gives within second `t`: the generator reseeded from the clock.
+// What crypto_random gives within second `t`: the C generator seeded from the clock.
 TBytes clockSecret(std::time_t t) {
     std::srand(static_cast<unsigned>(t));
     TBytes s(20);
-    for (unsigned char& b : s) b = static_cast<unsigned char>(std::rand());
+    for (uc& b : s) b = static_cast<uc>(std::rand());
     return s;
 }
 
-TEST(JavaPin, FipsChangeWritesShadowPinAndShadowAgainUnderTheSessionKeys) {
+TEST(JavaPin, FipsChangeWritesTheShadowThePinAndTheShadowAgain) {
     for (const Dialect& d : kDialects) {
-        Rig r(d, true);
+        const Keys old = keysOf(kPin), fresh = keysOf(kNewPin);
+        Rig r(d, true, old);
         r.status(0x11, kStatus);
         r.pin->select(r.pin->pathUser());
-        const Keys old = keysOf(kPin), fresh = keysOf(kNewPin);
-        for (int i = 0; i < 5; ++i) r.pack->keySet(i, old[i]);
-        for (int i = 0; i < 5; ++i) r.sm(old);
-        r.authenticate(0x1A, fresh[0], "90 00");
-        for (int i = 0; i < 10; ++i) {
-            if (i == 5) r.status(0x11, kStatus), r.authenticate(0x11, fresh[0], "90 00");
-            r.sm(fresh);
+        for (int i = 0; i < 15; ++i) {
+            if (i == 5) r.authenticate(0x1A, fresh[0]);
+            if (i == 10) r.status(0x11, kStatus), r.authenticate(0x11, fresh[0]);
+            r.sm(i < 5 ? old : fresh);  // the card's session keys
         }
         r.refresh();
         const std::time_t start = std::time(nullptr);
         r.pin->change(kNewPin);
-        Keys secret = keysOf(clockSecret(start));
-        if (std::time(nullptr) != start && r.inner.size() > 10 &&
-            r.inner[10].find(toHex(secret[0])) == std::string::npos)
-            secret = keysOf(clockSecret(start + 1));
-        std::vector<std::string> expected;
+        auto change = [&](unsigned id, const TBytes& key) {
+            return cat({hex(apdu("80 %02X 00 %02X 1A 10 18", d.change, id)), key});
+        };
+        Keys secret = keysOf(clockSecret(start));  // the shadow ends with a 20-byte secret
+        if (!r.carried(10, change(0x1A, secret[0]))) secret = keysOf(clockSecret(start + 1));
         for (int i = 0; i < 15; ++i)
-            expected.push_back(
-                apdu("84 %02X 00 %02X 10 18 ", d.change, (i / 5 == 1 ? 0x11 : 0x1A) + i % 5) +
-                toHex((i < 10 ? fresh : secret)[i % 5]) + "00 20 ");
-        EXPECT_EQ(r.inner, expected);
-        const TPath salt{0x000F};
-        EXPECT_EQ(r.fs, (d.joker ? Paths{{}, salt, {}, salt, {}, {}, salt, {}, salt, {}, {}}
-                                 : Paths{{}, salt, {}, salt, {}, salt, {}, salt, {}, {}}));
-        EXPECT_EQ(r.pin->info().loginState, 0xFF);
+            EXPECT_TRUE(r.carried(
+                i, change((i / 5 == 1 ? 0x11 : 0x1A) + i % 5, (i < 10 ? fresh : secret)[i % 5])))
+                << i;
+        const TPath s = kSaltFile;
+        EXPECT_EQ(r.fs, (d.joker ? Paths{{}, s, {}, s, {}, {}, s, {}, s, {}, {}}
+                                 : Paths{{}, s, {}, s, {}, s, {}, s, {}, {}}));
+        EXPECT_EQ(r.card.offered[2], 0x22u) << "room for a protected answer";
     }
 }
 
-struct JavaSm : ::testing::Test {
-    void SetUp() override {
-        for (int i = 0; i < 5; ++i) pack->keySet(i, k[i]);
-    }
-    ScriptedSender card;
-    JavaApplet applet{&card, false};
-    CPackJava* pack = static_cast<CPackJava*>(applet.pack());
-    const Keys k = keysOf(kPin);
-    const TBytes h = oracle::random(8), ok = hex("90 00");
-};
-
-TEST_F(JavaSm, WrapsEachShape) {
-    // The command, H[7] as drawn; Lc, H[7] as sent, Le.
-    const std::tuple<TBytes, unsigned char, const char*, unsigned char, const char*> rows[] = {
-        {hex("80 0F 00 1A 03 10 01 AA"), 0xFF, "2C", 0x00, "00 20 "},  // H[7] wraps; no Le
-        {hex("00 B0 00 00 10"), 0x05, "2C", 0x06, "00 30 "},
-        {hex("00 B0 00 00 00 01 00"), 0, "2C", 1, "01 20 "},
-        {cat({hex("80 D6 00 00 D7"), TBytes(215, 0x41)}), 0, "FC", 1, "00 20 "},  // a body of 252
-        {cat({hex("80 D6 00 00 D8"), TBytes(216, 0x42)}), 0, "00 01 04", 1, "00 20 "},  // of 260
-        {cat({hex("80 D6 00 00 F8"), TBytes(248, 0x43)}), 0, "00 01 26", 1,
-         "00 20 "},  // 256 of cipher
+TEST(JavaSm, WrapsEachShape) {
+    // The command, H[7] as drawn and as sent, the Lc.
+    const std::tuple<TBytes, uc, uc, const char*> rows[] = {
+        {hex("80 0F 00 1A 03 10 01 AA"), 0xFF, 0x00, "2C"},  // no Le: 00 20
+        {hex("00 B0 00 00 10"), 0x05, 0x06, "2C"},
+        {hex("00 B0 00 00 00 01 00"), 0, 1, "2C"},                            // extended Le
+        {cat({hex("80 D6 00 00 D7"), TBytes(215, 0x41)}), 0, 1, "FC"},        // a body of 252
+        {cat({hex("80 D6 00 00 D8"), TBytes(216, 0x42)}), 0, 1, "00 01 04"},  // and of 260
+        {cat({hex("80 D6 00 00 F8"), TBytes(248, 0x43)}), 0, 1, "00 01 26"},  // cipher of 256
     };
-    for (const auto& [command, drawn, lc, sent, le] : rows) {
+    const Keys k = keysOf(kPin);
+    Rig r(kDialects[0], false, k);
+    for (const auto& [command, drawn, sent, lc] : rows) {
         const TBytes c = oracle::random(8), iv = oracle::random(8);
-        TBytes header, data, drawnH = h;
-        unsigned short ignored;
-        IAPDUDefinitions::parse_capdu(command, header, data, ignored);
-        drawnH[7] = drawn;
-        card.expect("80 17 01 00 08", toHex(c) + "90 00");
-        const CPackJava::CWrapped w = pack->wrap(command, iv, drawnH);
-        const Opened o = open(w.command, k, c);
-        EXPECT_EQ(toHex(cat({o.header, o.lc, {o.h[7]}, o.le})),
-                  toHex(header).replace(0, 2, apdu("%02X", header[0] | 4)) + lc + " " +
-                      apdu("%02X ", sent) + le);
-        EXPECT_EQ(o.iv, iv);
-        EXPECT_EQ(o.plain, data);
-        EXPECT_EQ(w.hostChallenge, o.h);
-        EXPECT_EQ(w.answerSize, (o.le[0] << 8 | o.le[1]) + 2u);
+        TBytes h = oracle::random(8);
+        h[7] = drawn;
+        r.card.expect("80 17 01 00 08", toHex(c) + "90 00");
+        const CPackJava::CWrapped w = r.pack->wrap(command, iv, h);
+        h[7] = sent;
+        EXPECT_EQ(toHex(w.command), toHex(wrapped(k, c, command, iv, h)));
+        EXPECT_EQ(toHex(w.command).substr(12, std::string(lc).size()), lc);
+        EXPECT_EQ(w.hostChallenge, h);
     }
 }
 
-TEST_F(JavaSm, OpensAnswersAndRefusesFaults) {
-    const TBytes iv = oracle::random(8), bad = cbc(k[3], iv, TBytes(8, 0x41), true);
-    TBytes flipped = reply(k, h, hex("010203"), ok);
+TEST(JavaSm, OpensAnswersAndRefusesFaults) {
+    const Keys k = keysOf(kPin);
+    const TBytes h = oracle::random(8), iv = oracle::random(8);
+    const TBytes badPadding = oracle::evp("DES-EDE3-CBC", k[3], iv, TBytes(8, 1), true);
+    TBytes flipped = reply(k, h, hex("010203"));
     flipped[flipped.size() - 3] ^= 1;
     const std::tuple<const char*, TBytes, const char*, long> rows[] = {
-        {"data", reply(k, h, hex("010203"), ok), "01 02 03 90 00 ", 0},
-        {"no data", reply(k, h, {}, ok), "90 00 ", 0},
-        {"12 bytes", framed(k, h, {}, ok), "", code(0x6281)},
+        {"data", reply(k, h, hex("010203")), "01 02 03 90 00 ", 0},
+        {"no data", reply(k, h, {}), "90 00 ", 0},
+        {"12 bytes", framed(k, h, {}), "", code(0x6281)},
         {"MAC mismatch", flipped, "", code(0x6281)},
-        {"other H", reply(k, oracle::random(8), {}, ok), "", code(0x6281)},
-        {"refused", hex("67 07"), "", code(0x6A82)},
-        {"bare 90 00", ok, "", code(0x6281)},
-        {"TLV past the end", framed(k, h, hex("22 08 01 02 03"), ok), "", code(0x6281)},
-        {"short IV", framed(k, h, cat({hex("22 07 01020304050607 32 08"), bad}), ok), "",
+        {"bare 90 00", kOk, "", code(0x6281)},
+        {"TLV past the end", framed(k, h, hex("22 08 01 02 03")), "", code(0x6281)},
+        {"bad padding", framed(k, h, cat({{0x22, 8}, iv, {0x32, 8}, badPadding})), "",
          code(0x6281)},
-        {"bad padding", framed(k, h, cat({{0x22, 8}, iv, {0x32, 8}, bad}), ok), "", code(0x6281)},
     };
+    Rig r(kDialects[1], false, k);
     for (const auto& [what, answer, plain, failure] : rows) {
         TBytes response{0xEE};
-        EXPECT_EQ(failureCode([&] { pack->unwrap(answer, h, response); }), failure) << what;
+        EXPECT_EQ(failureCode([&] { r.pack->unwrap(answer, h, response); }), failure) << what;
         EXPECT_EQ(toHex(response), failure ? "EE " : plain) << what;
     }
-    pack->keyClear();  // the card's refusal comes first, keys or not
+    r.pack->keyClear();  // the card's refusal comes first; without keys nothing is sent
     TBytes response;
-    EXPECT_EQ(failureCode([&] { pack->unwrap(hex("67 07"), h, response); }), code(0x6A82));
-    EXPECT_EQ(failureCode([&] { pack->sm(hex("00 A4 00 00"), response); }), code(0x6900));
-    EXPECT_EQ(failureCode([&] { pack->chain(hex("00 A4 00 00"), response); }), code(0xFACE));
-}
-
-TEST_F(JavaSm, SendsTheWrappedCommandWithRoomForTheProtection) {
-    const TBytes c = oracle::random(8);
-    card.expect("80 17 01 00 08", toHex(c) + "90 00");
-    card.respond([&](const TBytes& cmd) { return reply(k, open(cmd, k, c).h, hex("0A0B"), ok); });
-    TBytes response;
-    pack->sm(hex("80 CA 01 07 10"), response);
-    EXPECT_EQ(response, hex("0A 0B 90 00"));
-    EXPECT_EQ(card.offered, (std::vector<std::size_t>{10, 0x10 + 0x22}));
+    EXPECT_EQ(failureCode([&] { r.pack->unwrap(hex("67 07"), h, response); }), code(0x6A82));
+    EXPECT_EQ(failureCode([&] { r.pack->sm(hex("00 A4 00 00"), response); }), code(0x6900));
+    EXPECT_EQ(failureCode([&] { r.pack->chain(hex("00 A4 00 00"), response); }), code(0xFACE));
 }
 
 }  // namespace
