@@ -111,6 +111,7 @@ void CPinJava::readStatus(unsigned char pinId) {
     TBytes query{kProprietary, dialect.insStatus, 0x00, pinId,
                  static_cast<unsigned char>(kStatusQuery.size())};
     send(query << kStatusQuery << 0x00, response);
+    if (response.size() < 2) APDU_RAISE(0x6281);  // not even a status word
     checkSW(response);
     unsigned long left = 0, total = 0;
     TBytes verified;
