@@ -182,7 +182,7 @@ void CPinJava::login(const TBytes& pin) {
 
     TBytes response(2);
     send(command(dialect.insAuthenticate, reference(), mac), response);
-    // Counted down before the verdict, as the card does.
+    // One attempt fewer whatever the verdict; success restores the total.
     if (record.attemptsLeft != 0) --record.attemptsLeft;
     checkSW(response);
     record.attemptsLeft = record.attemptsTotal;

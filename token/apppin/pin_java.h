@@ -4,6 +4,8 @@
 // dialogue with other instruction bytes and fewer branches (see CPinJoker).
 #pragma once
 
+#include <vector>
+
 #include "token/apppin/pin_common.h"
 
 namespace libapdu {
