@@ -25,7 +25,7 @@ class ScriptedSender : public ISender {
 public:
     ~ScriptedSender() override { EXPECT_TRUE(allConsumed()) << "stopped at exchange " << position; }
     ScriptedSender& expect(const std::string& command, const std::string& response) {
-        steps.push_back({false, 0, command, hex(response)});
+        steps.push_back({false, 0, command, hex(response), {}});
         return *this;
     }
     // Command, answer, command, answer...
@@ -34,13 +34,19 @@ public:
             expect(exchange[k], exchange[k + 1]);
         return *this;
     }
+    // An exchange whose answer the test's card computes from the command.
+    ScriptedSender& respond(std::function<TBytes(const TBytes&)> card) {
+        steps.push_back({false, 0, "", {}, std::move(card)});
+        return *this;
+    }
     ScriptedSender& expectControl(unsigned code, const std::string& in, const std::string& out) {
-        steps.push_back({true, code, in, hex(out)});
+        steps.push_back({true, code, in, hex(out), {}});
         return *this;
     }
     void setAtr(const std::string& text) { atr_ = hex(text); }
     void send(const TBytes& command, TBytes& response) override {
-        answer(next(false, 0, command), response);
+        const Step& s = next(false, 0, command);
+        answer(s.card ? Step{false, 0, "", s.card(command), {}} : s, response);
     }
     void control(unsigned code, const TBytes& input, TBytes& output) override {
         answer(next(true, code, input), output);
@@ -55,6 +61,7 @@ private:
         unsigned code;
         std::string expected;
         TBytes answer;
+        std::function<TBytes(const TBytes&)> card;
     };
     // Stops the driver there; not an IException, so no driver's catch hides it.
     [[noreturn]] void fail(const std::string& what) {
@@ -75,7 +82,7 @@ private:
     const Step& next(bool control, unsigned code, const TBytes& got) {
         if (position >= steps.size()) fail("unexpected exchange " + toHex(got));
         const Step& s = steps[position];
-        if (s.control != control || s.code != code || !matches(s.expected, got))
+        if (s.control != control || s.code != code || (!s.card && !matches(s.expected, got)))
             fail("expected " + s.expected + "\n     got " + toHex(got));
         return ++position, s;
     }
