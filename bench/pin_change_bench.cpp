@@ -1,13 +1,20 @@
-// An IDProtect PIN change through pcscd and a virtual token: KRTokenPinChange
-// (a Diffie-Hellman channel per change: the group, the host's value, the
-// wrapped command, the close, and two modular exponentiations with a 20-byte
-// exponent on the host) side by side with a raw SCardTransmit replay of the
-// commands it sent, so the host's share shows. In the replay the card
-// refuses the stale wrapped command, and keeps its state file as it was; the
-// library's side also takes and gives back the token lock (no APDU).
+// A PIN change through pcscd and a virtual token, KRTokenPinChange side by
+// side with a raw SCardTransmit replay of the commands it sent, so the host's
+// share shows. Two tokens (--token=idprotect, the default, or
+// --token=java-fips):
+// - IDProtect: a Diffie-Hellman channel per change (the group, the host's
+//   value, the wrapped command, the close, and two modular exponentiations
+//   with a 20-byte exponent on the host);
+// - a FIPS Java token: the five keys of the PIN and of its shadow replaced
+//   under secure messaging, 15 wrapped changes each behind a card challenge,
+//   and two logins, with 15 PKCS#12 derivations of 999 rounds on the host.
+// In the replay the card refuses the stale wrapped commands, and keeps its
+// state file as it was; the library's side also takes and gives back the
+// token lock (no APDU).
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -29,15 +36,41 @@ struct Fixture {
     std::vector<Bytes> replay;  // the C-APDUs of one KRTokenPinChange
 };
 
+// A token to change the PIN of, and how to tell its secure messaging in the
+// commands sent.
+struct Kind {
+    const char* name;
+    const char* dialect;
+    std::vector<std::string> more;
+    bool (*wrapped)(const Bytes& command);
+    int expected;
+    const char* what;
+};
+const Kind kKinds[] = {
+    {"idprotect",
+     "idprotect",
+     {},
+     [](const Bytes& c) { return c.size() > 1 && (c[1] == 0x48 || c[1] == 0x86 || c[1] == 0x24); },
+     4,
+     "of the channel (group, value, change, close)"},
+    {"java-fips",
+     "java",
+     {"--fips"},
+     [](const Bytes& c) { return c.size() > 1 && c[0] == 0x84 && c[1] == 0x0F; },
+     15,
+     "wrapped changes of key objects"},
+};
+
 Fixture* g = nullptr;
 const char* kPins[] = {"12345678", "87654321"};
 
-bool setUp() {
+bool setUp(const Kind& kind) {
     g = new Fixture;
     g->pcscd.reset(new Pcscd(1));
     VTokenOptions o;
     TokenInit init;
-    init.dialect = "idprotect";
+    init.dialect = kind.dialect;
+    init.more = kind.more;
     init.userPin = kPins[0];
     o.init = init;
     g->card.reset(new VToken(*g->pcscd, 0, o));
@@ -53,13 +86,12 @@ bool setUp() {
     // token: each change below takes the lock and gives it back.
     if (KRTokenUnLock(g->token) != 0) return false;
     g->replay = krfs::bench::commandsIn(log);
-    int channel = 0;
-    for (const Bytes& c : g->replay)
-        if (c.size() > 1 && (c[1] == 0x48 || c[1] == 0x86 || c[1] == 0x24)) ++channel;
-    std::printf("KRTokenPinChange: %zu commands, %d of the channel (group, value, change, close)\n",
-                g->replay.size(), channel);
-    if (channel != 4) {
-        std::printf("MISSED: expected the four exchanges of one channel\n");
+    int wrapped = 0;
+    for (const Bytes& c : g->replay) wrapped += kind.wrapped(c);
+    std::printf("KRTokenPinChange on %s: %zu commands, %d %s\n", kind.name, g->replay.size(),
+                wrapped, kind.what);
+    if (wrapped != kind.expected) {
+        std::printf("MISSED: expected %d\n", kind.expected);
         return false;
     }
     // The replay's connection shares the card with the library's.
@@ -95,10 +127,24 @@ void BM_RawReplay(benchmark::State& state) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    const Kind* kind = &kKinds[0];
+    for (int i = 1; i < argc; ++i) {
+        if (std::strncmp(argv[i], "--token=", 8) != 0) continue;
+        kind = nullptr;
+        for (const Kind& k : kKinds)
+            if (std::strcmp(argv[i] + 8, k.name) == 0) kind = &k;
+        if (!kind) {
+            std::fprintf(stderr, "pin_change_bench: --token=idprotect or --token=java-fips\n");
+            return 2;
+        }
+        for (int j = i; j + 1 < argc; ++j) argv[j] = argv[j + 1];
+        --argc;
+        break;
+    }
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     enterPrivateNamespaces();
-    if (!setUp()) {
+    if (!setUp(*kind)) {
         std::fprintf(stderr, "pin_change_bench: set-up failed\n");
         return 1;
     }

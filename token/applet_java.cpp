@@ -3,6 +3,8 @@
 #include "token/appfs/fs_java.h"
 #include "token/appinfo/info_java.h"
 #include "token/applabel/label_java.h"
+#include "token/apppack/pack_java.h"
+#include "token/apppin/pin_java.h"
 
 namespace libapdu {
 
@@ -36,9 +38,10 @@ const TBytes CAppletJava::kAid = {0xA0, 0x00, 0x00, 0x03, 0x12, 0x02, 0x02};
 CAppletJava::CAppletJava(ISender* s) : IApplet(s) {
     error_.reset(new CErrorJava);
     fs_.reset(new CFSJava(this));
-    // pin_ and pack_ are filled when the PIN drivers land
+    pin_.reset(new CPinJava(this));
     info_.reset(new CInfoJava(this));
     label_.reset(new CLabelJava(this));
+    pack_.reset(new CPackJava(this));
     JavaSelectApplet(*this, kAid);
 }
 

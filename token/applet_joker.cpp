@@ -3,6 +3,8 @@
 #include "token/appfs/fs_joker.h"
 #include "token/appinfo/info_joker.h"
 #include "token/applabel/label_joker.h"
+#include "token/apppack/pack_joker.h"
+#include "token/apppin/pin_joker.h"
 
 namespace libapdu {
 
@@ -11,9 +13,10 @@ const TBytes CAppletJoker::kAid = {0xA0, 0x00, 0x00, 0x04, 0x48, 0x00, 0x04, 0x0
 CAppletJoker::CAppletJoker(ISender* s) : IApplet(s) {
     error_.reset(new CErrorJoker);
     fs_.reset(new CFSJoker(this));
-    // pin_ and pack_ are filled when the PIN drivers land
+    pin_.reset(new CPinJoker(this));
     info_.reset(new CInfoJoker(this));
     label_.reset(new CLabelJoker(this));
+    pack_.reset(new CPackJoker(this));
     JavaSelectApplet(*this, kAid);
 }
 
