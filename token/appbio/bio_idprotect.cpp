@@ -5,6 +5,7 @@
 #include "crypto/token_crypto.h"
 #include "libapdu/exception.h"
 #include "token/appbio/auth_ticket.h"
+#include "token/apppin/pin_idprotect.h"
 
 namespace libapdu {
 
@@ -68,13 +69,8 @@ void CBioIdprotect::checkSW(const TBytes& response) { applet->checkSW(response);
 
 void CBioIdprotect::select(const TPath& p) {
     path = p;
-    // Lc is one byte: two per identifier.
-    if (path.size() > 127) APDU_RAISE(0x6B00);
-    TBytes command{0x80, 0xA4, 0x08, 0x0C, static_cast<unsigned char>(2 * path.size())};
-    for (WORD id : path) add_w(command, id);
-    command << 0x00;
     TBytes response(kLongAnswer);
-    send(command, response);
+    send(IdprotectSelectByPath(path), response);
     checkSW(response);
 }
 

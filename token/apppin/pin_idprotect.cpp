@@ -78,14 +78,18 @@ void CPinIdprotect::NamesInitProc() {
     plain = {pin_id::IdprotectRoot, pin_id::IdprotectFourth};
 }
 
-TBytes CPinIdprotect::controlParameters(const TPath& path, std::size_t answerSize) {
+TBytes IdprotectSelectByPath(const TPath& path) {
     // Lc is one byte: two per identifier.
     if (path.size() > 127) APDU_RAISE(0x6B00);
     TBytes command{0x80, 0xA4, 0x08, 0x0C, static_cast<unsigned char>(2 * path.size())};
-    for (WORD id : path) add_w(command, id);
+    for (WORD id : path) IAPDUDefinitions::add_w(command, id);
     command << 0x00;
+    return command;
+}
+
+TBytes CPinIdprotect::controlParameters(const TPath& path, std::size_t answerSize) {
     TBytes response(answerSize);
-    send(command, response);
+    send(IdprotectSelectByPath(path), response);
     checkSW(response);
     TBytes value;
     try {

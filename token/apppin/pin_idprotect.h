@@ -9,6 +9,10 @@
 
 namespace libapdu {
 
+// 80 A4 08 0C Lc path 00: select by path, two bytes per identifier, high
+// byte first. A path too long for one length byte raises 0x6B00.
+TBytes IdprotectSelectByPath(const TPath& path);
+
 class CPinIdprotect : public CPinCommon {
 public:
     explicit CPinIdprotect(IApplet* owner) : CPinCommon(owner) {}
