@@ -197,7 +197,7 @@ void CPinIdprotect::login(const TBytes& pin) {
     }
     if (type == login_type::Pin || type == login_type::PinAndFinger ||
         (type == login_type::PinOrFinger && pinGiven)) {
-        // The fingerprint step selected another object on the card.
+        // Selected afresh: a fingerprint step leaves another object selected.
         select(TPath(selected));
         dialogue(
             IConvert::wstring_to_bytes(ticket.pinText(), static_cast<unsigned char>(encoding())));
