@@ -1,8 +1,8 @@
 #include "idprotect/idprotect_state.h"
 
 #include "core/state_json.h"
+#include "idprotect/idprotect_crypto.h"
 
-#include <openssl/evp.h>
 #include <openssl/rand.h>
 
 #include <algorithm>
@@ -66,15 +66,6 @@ void checkFinger(unsigned number, const Bytes& templ) {
         throw std::invalid_argument("fingers are numbered 1 to 10");
     if (templ.empty() || templ.size() > kTemplateMax)
         throw std::invalid_argument("a finger's template has 1 to 2048 bytes");
-}
-
-Bytes sha256(const Bytes& data) {
-    Bytes out(EVP_MAX_MD_SIZE);
-    unsigned int n = 0;
-    if (EVP_Digest(data.data(), data.size(), out.data(), &n, EVP_sha256(), nullptr) != 1)
-        throw std::runtime_error("SHA-256 failed in OpenSSL");
-    out.resize(n);
-    return out;
 }
 
 bool knownLoginType(unsigned type) {
@@ -271,10 +262,8 @@ IdprotectState personalise(const Personalisation& p) {
         checkFinger(number, templ);
         if (s.finger(number))
             throw std::invalid_argument("finger " + std::to_string(number) + " given twice");
-        Bytes key(kTicketKeySize);
-        if (RAND_bytes(key.data(), static_cast<int>(key.size())) != 1)
-            throw std::runtime_error("no random bytes from OpenSSL");
-        s.fingers.push_back({static_cast<unsigned char>(number), templ, key});
+        s.fingers.push_back(
+            {static_cast<unsigned char>(number), templ, randomBytes(kTicketKeySize)});
     }
     std::sort(s.fingers.begin(), s.fingers.end(),
               [](const Finger& a, const Finger& b) { return a.number < b.number; });
