@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "e2e/api_session.h"
-#include "harness/harness.h"
 #include "krfs.h"
 
 namespace {
