@@ -1,6 +1,7 @@
 #include "token/applet_idprotect.h"
 
 #include "libapdu/exception.h"
+#include "token/appbio/bio_idprotect.h"
 #include "token/appfs/fs_idprotect.h"
 #include "token/appinfo/info_idprotect.h"
 #include "token/applabel/label_idprotect.h"
@@ -34,8 +35,8 @@ CAppletIdprotect::CAppletIdprotect(ISender* s) : IApplet(s) {
     info_.reset(new CInfoIdprotect(this));
     label_.reset(new CLabelIdprotect(this));
     pack_.reset(new CPackIdprotect(this));
-    // The crypto and biometric drivers are not in place yet: their slots keep
-    // the stubs.
+    // The crypto driver is not in place yet: its slot keeps the stub.
+    bio_.reset(new CBioIdprotect(this));
 
     TBytes response(kLongAnswer);
     send(selectByAid(), response);

@@ -3,6 +3,8 @@
 #include "core/faults.h"
 #include "core/script_card.h"
 #include "core/vpcd.h"
+#include "idprotect/idprotect_applet.h"
+#include "idprotect/idprotect_ticket.h"
 #include "persist/java_dialects.h"
 #include "persist/token_file.h"
 #include "pro/pro_state.h"
@@ -29,6 +31,8 @@ const char kUsage[] =
     "  serve    attach a card to a vpcd reader slot and answer it until stopped\n"
     "  show     print a token's state: identity, file tree, access, PIN objects\n"
     "           (R2: private flags, PIN tries, label)\n"
+    "  ticket   print an authentication ticket for an IDProtect token, as a\n"
+    "           fingerprint front end issues it after a match\n"
     "  help     show this text\n"
     "\n"
     "init options:\n"
@@ -100,9 +104,13 @@ const char kUsage[] =
     "                    (default 87654321)\n"
     "  --pin-tries N     wrong PINs before a PIN blocks, 1 to 15 (default 10)\n"
     "  --login-type N    0x20 PIN (default), 0x23 fingerprint, 0x24 PIN or\n"
-    "                    fingerprint, 0x25 PIN and fingerprint; other than 0x20\n"
-    "                    it is a login object of that number for the user PIN\n"
-    "                    (no fingerprint here: 0x23 cannot log in)\n"
+    "                    fingerprint, 0x25 PIN and fingerprint; the user logs\n"
+    "                    in at the object of that number: 0023 the fingerprint\n"
+    "                    object, 0024 and 0025 stand for the user PIN and the\n"
+    "                    fingerprint proof\n"
+    "  --finger N=FILE   enrol finger N (1 to 10) with the template in FILE;\n"
+    "                    a match on the card needs exactly these bytes, and the\n"
+    "                    finger gets a random ticket key; repeatable\n"
     "  --label TEXT      at most 32 seven-bit bytes, in 3F00 3000 C000\n"
     "  --id HEX          8-byte identifier; default random\n"
     "  --memory N        file memory in bytes (default 65536); each node takes\n"
@@ -151,6 +159,14 @@ const char kUsage[] =
     "\n"
     "show options:\n"
     "  --state FILE   the token to show\n"
+    "\n"
+    "ticket options (the 208-character Base64 text goes to KRTokenLogin in\n"
+    "place of the PIN):\n"
+    "  --state FILE   the IDProtect token\n"
+    "  --type T       0x20 PIN, 0x23 fingerprint, 0x24 either, 0x25 both\n"
+    "  --pin PIN      the PIN the ticket carries (0x20, 0x25; 0x24 either)\n"
+    "  --finger N     the enrolled finger whose reference and key it carries\n"
+    "                 (0x23, 0x25; 0x24 either)\n"
     "\n"
     "script file, one item a line, '#' starts a comment:\n"
     "  order keyed | order ordered   keyed (default): any listed command, any\n"
@@ -399,6 +415,46 @@ int show(const std::vector<std::string>& args) {
     return 0;
 }
 
+int ticket(const std::vector<std::string>& args) {
+    std::string path;
+    vtoken::idprotect::TicketRequest request;
+    bool typed = false;
+    try {
+        Options o(args);
+        while (o.next()) {
+            const std::string& a = o.name();
+            if (a == "--state") {
+                path = o.value();
+            } else if (a == "--type") {
+                request.type = static_cast<unsigned>(parseNumber(o.value(), 0xFF, a));
+                typed = true;
+            } else if (a == "--pin") {
+                request.pin = o.value();
+            } else if (a == "--finger") {
+                request.finger = static_cast<unsigned>(parseNumber(o.value(), 0xFF, a));
+            } else {
+                throw std::invalid_argument("unknown option: " + a);
+            }
+        }
+        if (path.empty() || !typed) throw std::invalid_argument("ticket needs --state and --type");
+    } catch (const std::invalid_argument& e) {
+        return usageError(e.what());
+    }
+    try {
+        vtoken::StoredToken token(path);
+        const auto* applet =
+            token.java() ? token.java()->find<vtoken::idprotect::IdprotectApplet>() : nullptr;
+        if (!applet) return failure(path + " holds no IDProtect token");
+        const std::string text = vtoken::idprotect::issueTicket(applet->state(), request);
+        std::printf("%s\n", text.c_str());
+    } catch (const std::invalid_argument& e) {
+        return usageError(e.what());
+    } catch (const std::exception& e) {
+        return failure(e.what());
+    }
+    return 0;
+}
+
 struct ServeOptions {
     std::string host = "127.0.0.1";
     unsigned long port = vtoken::vpcd::kDefaultPort;
@@ -539,5 +595,6 @@ int main(int argc, char** argv) {
     if (command == "serve") return serve(args);
     if (command == "init") return init(args);
     if (command == "show") return show(args);
+    if (command == "ticket") return ticket(args);
     return usageError("unknown command: " + command);
 }

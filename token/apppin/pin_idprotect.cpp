@@ -1,7 +1,13 @@
 #include "token/apppin/pin_idprotect.h"
 
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+
+#include "conv.h"
 #include "crypto/token_crypto.h"
 #include "libapdu/exception.h"
+#include "token/appbio/auth_ticket.h"
 
 namespace libapdu {
 
@@ -11,6 +17,8 @@ constexpr std::size_t kLongAnswer = 258;
 constexpr std::size_t kListAnswer = 256;
 constexpr std::size_t kChallengeSize = 8;
 constexpr std::size_t kAnswerSize = 16;
+// A ticket's reference and key: whether it carries a fingerprint proof.
+constexpr int kFingerFields = 20;
 
 constexpr unsigned char kTagFcp = 0x62;
 constexpr unsigned char kTagAccess = 0x86;
@@ -70,14 +78,18 @@ void CPinIdprotect::NamesInitProc() {
     plain = {pin_id::IdprotectRoot, pin_id::IdprotectFourth};
 }
 
-TBytes CPinIdprotect::controlParameters(const TPath& path, std::size_t answerSize) {
+TBytes IdprotectSelectByPath(const TPath& path) {
     // Lc is one byte: two per identifier.
     if (path.size() > 127) APDU_RAISE(0x6B00);
     TBytes command{0x80, 0xA4, 0x08, 0x0C, static_cast<unsigned char>(2 * path.size())};
-    for (WORD id : path) add_w(command, id);
+    for (WORD id : path) IAPDUDefinitions::add_w(command, id);
     command << 0x00;
+    return command;
+}
+
+TBytes CPinIdprotect::controlParameters(const TPath& path, std::size_t answerSize) {
     TBytes response(answerSize);
-    send(command, response);
+    send(IdprotectSelectByPath(path), response);
     checkSW(response);
     TBytes value;
     try {
@@ -152,11 +164,44 @@ void CPinIdprotect::dialogue(const TBytes& pin) {
     record.loginState = 0x00FF;
 }
 
+bool CPinIdprotect::isZeroes(const unsigned char* data, int count) {
+    return std::all_of(data, data + count, [](unsigned char b) { return b == 0; });
+}
+
+bool CPinIdprotect::isZeroes(const wchar_t* data, int count) {
+    return std::all_of(data, data + count, [](wchar_t c) { return c == 0; });
+}
+
 void CPinIdprotect::login(const TBytes& pin) {
     if (selected == pathGlobal()) APDU_RAISE(0xFACE);
-    // Authentication tickets in place of a PIN are told apart here, once
-    // their helper is in place; until then every secret is a PIN.
-    dialogue(pin);
+    if (!KrAuthHelper::is_bio_ticket(pin)) return dialogue(pin);
+
+    KrAuthTicket ticket{};
+    KrAuthHelper::decode_ticket(pin, ticket);
+    const std::uint32_t type = ticket.type();
+    wchar_t widePin[kTicketPinChars];
+    std::memcpy(widePin, ticket.pin, sizeof widePin);
+    // An either-or ticket carries the proof it was issued for: the finger's
+    // reference and key, or a PIN.
+    const auto* raw = reinterpret_cast<const unsigned char*>(&ticket);
+    const bool fingerGiven = !isZeroes(raw + offsetof(KrAuthTicket, bioReference), kFingerFields);
+    const bool pinGiven = !isZeroes(widePin, static_cast<int>(kTicketPinChars));
+
+    if (type == login_type::Finger || type == login_type::PinAndFinger ||
+        (type == login_type::PinOrFinger && fingerGiven)) {
+        // The try counts, whatever the card answers.
+        --record.attemptsLeft;
+        applet->bio()->loginByTicket(pin);
+        record.attemptsLeft = record.attemptsTotal;
+        record.loginState = 0x00FF;
+    }
+    if (type == login_type::Pin || type == login_type::PinAndFinger ||
+        (type == login_type::PinOrFinger && pinGiven)) {
+        // Selected afresh: a fingerprint step leaves another object selected.
+        select(TPath(selected));
+        dialogue(
+            IConvert::wstring_to_bytes(ticket.pinText(), static_cast<unsigned char>(encoding())));
+    }
 }
 
 void CPinIdprotect::logout() {

@@ -1,19 +1,25 @@
 // The PIN of the IDProtect applet: counters from the PIN object's control
 // parameters, the login state from the card's list of verified PINs, and a
 // challenge and response dialogue for the login. Change and unblock carry
-// the new PIN through the pack driver's secure messaging.
+// the new PIN through the pack driver's secure messaging. A ticket in place
+// of a PIN logs in by a fingerprint proof, a PIN, or both.
 #pragma once
 
 #include "token/apppin/pin_common.h"
 
 namespace libapdu {
 
+// 80 A4 08 0C Lc path 00: select by path, two bytes per identifier, high
+// byte first. A path too long for one length byte raises 0x6B00.
+TBytes IdprotectSelectByPath(const TPath& path);
+
 class CPinIdprotect : public CPinCommon {
 public:
     explicit CPinIdprotect(IApplet* owner) : CPinCommon(owner) {}
 
     void select(const TPath& path) override;
-    // Neither length nor content is checked: the card judges the answer.
+    // A PIN, or an authentication ticket in its place. Neither length nor
+    // content of a PIN is checked: the card judges the answer.
     void login(const TBytes& pin) override;
     void change(const TBytes& pin) override;
     void unblock(const TBytes& pin) override;
@@ -27,6 +33,9 @@ public:
 
     // Eight bytes from the card.
     TBytes challengeGet();
+
+    static bool isZeroes(const unsigned char* data, int count);
+    static bool isZeroes(const wchar_t* data, int count);
 
 private:
     // The challenge, and our answer from the PIN, which the card checks.

@@ -1,6 +1,8 @@
 #include "idprotect/idprotect_applet.h"
 
 #include "core/apdu.h"
+#include "pro/pro_crypto.h"
+#include "core/state_json.h"
 
 #include <algorithm>
 #include <stdexcept>
@@ -44,6 +46,16 @@ constexpr unsigned char kPaddingIndicator = 0x01;
 constexpr std::size_t kMacSize = 8;
 
 constexpr std::uint16_t kReadGroup = 0x0080;
+constexpr std::uint16_t kReadFingers = 0x0000;
+constexpr unsigned char kTagFingers = 0xEA;
+constexpr unsigned char kTagFingerNumber = 0x83;
+constexpr unsigned char kTagPublicData = 0x82;
+
+// 00 22: P1 02 a template to match, P1 03 a ticket's proof.
+constexpr unsigned char kBioMatch = 0x02;
+constexpr unsigned char kBioTicket = 0x03;
+constexpr unsigned char kTagMatch = 0x62;
+constexpr unsigned char kTagTemplate = 0x81;
 constexpr std::uint16_t kCloseChannel = 0xFFFF;
 constexpr std::size_t kQSize = 32;
 
@@ -216,7 +228,8 @@ Bytes IdprotectApplet::run(const Apdu& c, bool wrapped) {
         {kClaProprietary, 0x28, &IdprotectApplet::logout},
         {kClaProprietary, 0xCE, &IdprotectApplet::verifiedList},
         {kClaProprietary, 0x2C, &IdprotectApplet::prepareUnblock},
-        {kClaProprietary, 0x48, &IdprotectApplet::readGroup},
+        {kClaProprietary, 0x48, &IdprotectApplet::readData},
+        {kClaIso, 0x22, &IdprotectApplet::biometry},
         {kClaProprietary, 0x86, &IdprotectApplet::keyAgreement},
     };
     const unsigned char cla = c.cla & static_cast<unsigned char>(~(kChainBit | kSmBits));
@@ -284,7 +297,26 @@ Bytes IdprotectApplet::getResponse(const Apdu& c) {
 
 bool IdprotectApplet::allowed(unsigned char condition) const {
     if (condition == kFree) return true;
-    return condition != kNever && session_.verified.count(condition) != 0;
+    if (condition == kNever) return false;
+    const bool loginObject =
+        std::any_of(state_.pins.begin(), state_.pins.end(),
+                    [&](const PinObject& p) { return p.id == condition && p.kind == kKindLogin; });
+    if (condition == kFingerObject || loginObject) return loginMet(condition);
+    return session_.verified.count(condition) != 0;
+}
+
+bool IdprotectApplet::loginMet(std::uint16_t id) const {
+    const bool pin = session_.verified.count(kUserPin) != 0;
+    switch (id) {
+        case kFingerObject:
+            return session_.fingerProven;
+        case kLoginPinOrFinger:
+            return session_.fingerProven || pin;
+        case kLoginPinAndFinger:
+            return session_.fingerProven && pin;
+        default:
+            return false;
+    }
 }
 
 Path IdprotectApplet::currentDir() {
@@ -323,6 +355,16 @@ Bytes IdprotectApplet::selectFile(const Apdu& c) {
     for (std::size_t at = 0; at < c.data.size(); at += 2)
         path.push_back(static_cast<std::uint16_t>(c.data[at] << 8 | c.data[at + 1]));
     if (!path.empty() && path.front() == kMf) path.erase(path.begin());
+    if (path == Path{kFingerObject}) {
+        // Not a PIN: what verify and change act on is cleared.
+        session_.pin.reset();
+        const Bytes parameters{
+            kPinMin, kPinMax, kKindUser, 0x00,
+            static_cast<unsigned char>(state_.fingerTriesLeft << 4 | state_.triesTotal)};
+        Bytes body = tlv(kTagFid, word(kFingerObject));
+        append(body, tlv(kTagPinParameters, parameters));
+        return respond(sw::kOk, tlv(kTagFcp, body));
+    }
     if (path.size() == 1 && state_.pin(path[0])) {
         const PinObject& pin = *state_.pin(path[0]);
         const PinObject& owner = *state_.owner(pin.id);
@@ -452,9 +494,6 @@ Bytes IdprotectApplet::verify(const Apdu& c) {
     if (c.p1 || c.p2) return respond(sw::kWrongP1P2);
     if (!session_.pin) return respond(sw::kConditionsNotSatisfied);
     const PinObject& selected = *state_.pin(*session_.pin);
-    // No fingerprint reader here: a fingerprint-only login cannot be met.
-    if (selected.kind == kKindLogin && state_.loginType == kLoginFinger)
-        return respond(sw::kConditionsNotSatisfied);
     if (c.data.size() != kAnswerSize) return respond(sw::kWrongLength);
     PinObject& owner = *state_.owner(selected.id);
     if (owner.triesLeft == 0) return respond(sw::kBlocked);
@@ -470,15 +509,21 @@ Bytes IdprotectApplet::verify(const Apdu& c) {
     }
     if (owner.triesLeft != state_.triesTotal) markChanged();
     owner.triesLeft = state_.triesTotal;
+    // A login object's own state follows from the proofs given (loginMet).
     session_.verified.insert(owner.id);
-    session_.verified.insert(selected.id);
     return respond(sw::kOk);
 }
 
 Bytes IdprotectApplet::logout(const Apdu& c) {
     if (c.p1 || c.p2) return respond(sw::kWrongP1P2);
     if (c.data.size() != 4) return respond(sw::kWrongLength);
+    const PinObject* pin = state_.pin(c.data[3]);
     const PinObject* owner = state_.owner(c.data[3]);
+    // The fingerprint proof goes with the fingerprint object and with a login
+    // object that it serves.
+    if (c.data[3] == kFingerObject || !owner || (pin && pin->kind == kKindLogin))
+        session_.fingerProven = false;
+    if (c.data[3] == kFingerObject) return respond(sw::kOk);
     // A reference to no PIN (0 before any PIN was selected) logs out every
     // PIN: the host starts each selection of the applet that way.
     if (!owner) {
@@ -498,6 +543,15 @@ Bytes IdprotectApplet::verifiedList(const Apdu& c) {
     for (std::uint16_t id : session_.verified) {
         out.push_back(state_.pin(id)->kind);
         append(out, word(id));
+    }
+    if (loginMet(kFingerObject)) {
+        out.push_back(kKindUser);
+        append(out, word(kFingerObject));
+    }
+    for (const auto& p : state_.pins) {
+        if (p.kind != kKindLogin || !loginMet(p.id)) continue;
+        out.push_back(p.kind);
+        append(out, word(p.id));
     }
     return respond(sw::kOk, std::move(out));
 }
@@ -532,9 +586,17 @@ Bytes IdprotectApplet::prepareUnblock(const Apdu& c) {
     return respond(sw::kOk);
 }
 
+// P1 P2 0080 the channel's group, 0000 the enrolled fingers, N 00 the public
+// data of finger N.
+Bytes IdprotectApplet::readData(const Apdu& c) {
+    if (c.p1p2() == kReadGroup) return readGroup();
+    if (c.p1p2() == kReadFingers) return enrolledFingers();
+    if (c.p2 == 0 && c.p1 >= kFingerMin && c.p1 <= kFingerMax) return publicFingerData(c.p1);
+    return respond(sw::kWrongP1P2);
+}
+
 // Opens a channel with a fresh exponent: 80 G, 81 P, 82 C.
-Bytes IdprotectApplet::readGroup(const Apdu& c) {
-    if (c.p1p2() != kReadGroup) return respond(sw::kWrongP1P2);
+Bytes IdprotectApplet::readGroup() {
     session_.channel = Channel{std::make_shared<KeyExchange>(), std::nullopt, 1};
     const KeyExchange& x = *session_.channel->exchange;
     Bytes out = tlv(kTagGenerator, x.generator());
@@ -559,6 +621,95 @@ Bytes IdprotectApplet::keyAgreement(const Apdu& c) {
     return respond(sw::kOk, q);
 }
 
+// EA with a slot per finger position: the finger's number plus one, or 0
+// where none is enrolled.
+Bytes IdprotectApplet::enrolledFingers() {
+    Bytes slots(kFingerMax, 0x00);
+    for (const auto& f : state_.fingers) slots[f.number - kFingerMin] = f.number + 1;
+    return respond(sw::kOk, tlv(kTagFingers, slots));
+}
+
+Bytes IdprotectApplet::publicFingerData(unsigned char number) {
+    const Finger* f = state_.finger(number);
+    if (!f) return respond(sw::kDataNotFound);
+    Bytes out = tlv(kTagFingerNumber, {number});
+    append(out, tlv(kTagPublicData, f->publicData()));
+    return respond(sw::kOk, std::move(out));
+}
+
+Bytes IdprotectApplet::biometry(const Apdu& c) {
+    if (c.p2 != 0) return respond(sw::kWrongP1P2);
+    if (c.p1 == kBioMatch) return matchOnCard(c);
+    if (c.p1 == kBioTicket) return ticketAuthenticate(c);
+    return respond(sw::kWrongP1P2);
+}
+
+Bytes IdprotectApplet::fingerFailed() {
+    --state_.fingerTriesLeft;
+    markChanged();
+    session_.fingerProven = false;
+    return respond(static_cast<std::uint16_t>(kWrongPinTries | state_.fingerTriesLeft));
+}
+
+void IdprotectApplet::fingerPassed() {
+    if (state_.fingerTriesLeft != state_.triesTotal) markChanged();
+    state_.fingerTriesLeft = state_.triesTotal;
+    session_.fingerProven = true;
+}
+
+// 62 (83 01 finger, 81 template): a simulated match, equal or not. A match
+// answers the finger's reference and ticket key, what a front end puts in
+// the tickets it issues.
+Bytes IdprotectApplet::matchOnCard(const Apdu& c) {
+    const auto body = templateOf(c.data, kTagMatch);
+    const Bytes* number = body ? findTag(*body, kTagFingerNumber) : nullptr;
+    const Bytes* capture = body ? findTag(*body, kTagTemplate) : nullptr;
+    if (!number || number->size() != 1 || !capture) return respond(sw::kWrongData);
+    if (state_.fingerTriesLeft == 0) return respond(sw::kBlocked);
+    const Finger* f = state_.finger((*number)[0]);
+    if (!f || f->templ != *capture) return fingerFailed();
+    fingerPassed();
+    Bytes out = f->reference();
+    append(out, f->ticketKey);
+    return respond(sw::kOk, std::move(out));
+}
+
+// The finger's 4-byte reference and the last challenge encrypted under its
+// ticket key.
+Bytes IdprotectApplet::ticketAuthenticate(const Apdu& c) {
+    if (c.data.size() != kReferenceSize + kChallengeSize) return respond(sw::kWrongLength);
+    const Bytes challenge = std::move(session_.challenge);
+    session_.challenge.clear();
+    if (challenge.size() != kChallengeSize) return respond(sw::kConditionsNotSatisfied);
+    if (state_.fingerTriesLeft == 0) return respond(sw::kBlocked);
+    const Bytes reference(c.data.begin(), c.data.begin() + kReferenceSize);
+    const Bytes proof(c.data.begin() + kReferenceSize, c.data.end());
+    const auto named = std::find_if(state_.fingers.begin(), state_.fingers.end(),
+                                    [&](const Finger& f) { return f.reference() == reference; });
+    if (named == state_.fingers.end() || pro::des3Encrypt(named->ticketKey, challenge) != proof)
+        return fingerFailed();
+    fingerPassed();
+    return respond(sw::kOk);
+}
+
+namespace {
+
+// --finger N=FILE: the file holds the template.
+std::pair<unsigned, Bytes> fingerOption(const std::string& value) {
+    const auto eq = value.find('=');
+    if (eq == std::string::npos) throw std::invalid_argument("--finger takes N=FILE: " + value);
+    const unsigned long number = javacard::parseNumber(value.substr(0, eq), kFingerMax, "--finger");
+    std::string text;
+    try {
+        text = readTextFile(value.substr(eq + 1));
+    } catch (const std::runtime_error& e) {
+        throw std::invalid_argument(std::string("--finger: ") + e.what());
+    }
+    return {static_cast<unsigned>(number), Bytes(text.begin(), text.end())};
+}
+
+}  // namespace
+
 JavaInstallation install(javacard::InitOptions& options) {
     Personalisation p;
     if (auto v = options.take("--user-pin")) p.userPin = *v;
@@ -576,6 +727,7 @@ JavaInstallation install(javacard::InitOptions& options) {
     if (auto n = options.takeNumber("--memory", 0x7FFFFFFF)) p.memory = *n;
     if (auto n = options.takeNumber("--info-version", 0xFF))
         p.infoVersion = static_cast<unsigned>(*n);
+    for (const auto& v : options.takeAll("--finger")) p.fingers.push_back(fingerOption(v));
     JavaInstallation installation;
     installation.atr = atr();
     installation.applets.push_back(std::make_unique<IdprotectApplet>(personalise(p)));

@@ -1,19 +1,21 @@
 // The virtual IDProtect applet: an ISO file system with file control
 // parameters, access conditions and DF names, PIN objects verified by a
-// challenge and answer, and a Diffie-Hellman channel that carries the PIN
+// challenge and answer, enrolled fingers proven by a simulated match on the
+// card or by a ticket, and a Diffie-Hellman channel that carries the PIN
 // change and unblock encrypted and MACed. Long commands come chained (CLA bit
 // 10), answers above 256 bytes in parts behind 61xx and GET RESPONSE.
 //
 // Status words:
 //   61xx  more of the answer waits for GET RESPONSE
 //   6282  a read past the end: what there is
-//   63Cx  wrong PIN, x tries left (63C0: now blocked)
+//   63Cx  wrong PIN, x tries left (63C0: now blocked); for a failed match on
+//         the card or a refused ticket, x fingerprint tries left
 //   6700  lengths that do not add up
 //   6981  delete with P1 naming the other kind of node
 //   6982  an access condition or PIN change not met, or a change not wrapped
 //   6983  the PIN is blocked
-//   6985  no challenge, no PIN or channel selected, a fingerprint-only login,
-//         nothing to GET RESPONSE
+//   6985  no challenge, no PIN or channel selected (the fingerprint object
+//         takes no PIN), nothing to GET RESPONSE
 //   6986  read, write or list without a file or directory selected
 //   6987  a wrapped command without its objects; 6988 a bad MAC or padding
 //   6A80  a malformed create template, new PIN or host value
@@ -21,7 +23,7 @@
 //   6A84  not enough memory (the host's read of a full card), or a write past
 //         the end of the file
 //   6A86  P1 or P2 not of this command
-//   6A88  an information item the card does not have
+//   6A88  an information item the card does not have, a finger not enrolled
 //   6A89  the identifier or DF name exists in that directory
 //   6B00  a read offset past the end of the file
 //   6D00  unknown instruction; 6E00 a class the instruction does not take
@@ -50,7 +52,8 @@ struct Channel {
 struct Session {
     Path current;  // below 3F00; empty is the MF
     std::optional<std::uint16_t> pin;
-    std::set<std::uint16_t> verified;
+    std::set<std::uint16_t> verified;  // PIN objects with a value
+    bool fingerProven = false;         // by a ticket or a match on the card
     Bytes challenge;
     std::optional<std::uint16_t> unblockArmed;
     std::optional<Channel> channel;
@@ -102,10 +105,21 @@ private:
     Bytes verifiedList(const Apdu& c);
     Bytes changePin(const Apdu& c, bool wrapped);
     Bytes prepareUnblock(const Apdu& c);
-    Bytes readGroup(const Apdu& c);
+    Bytes readData(const Apdu& c);
+    Bytes readGroup();
+    Bytes enrolledFingers();
+    Bytes publicFingerData(unsigned char finger);
+    Bytes biometry(const Apdu& c);
+    Bytes matchOnCard(const Apdu& c);
+    Bytes ticketAuthenticate(const Apdu& c);
+    Bytes fingerFailed();
+    void fingerPassed();
     Bytes keyAgreement(const Apdu& c);
 
     bool allowed(unsigned char condition) const;
+    // Whether the proof a login object or the fingerprint object asks for
+    // was given in this session.
+    bool loginMet(std::uint16_t id) const;
     Node* currentNode() { return state_.find(session_.current); }
     // The current directory, or the directory of the current file.
     Path currentDir();
@@ -117,7 +131,7 @@ private:
 
 // `krfs-vtoken init --dialect idprotect`: the applet, personalised from
 // --user-pin, --admin-pin, --pin-tries, --login-type, --label, --id,
-// --memory and --info-version.
+// --memory, --info-version and --finger N=FILE (repeatable).
 JavaInstallation install(javacard::InitOptions& options);
 std::unique_ptr<javacard::Applet> load(const nlohmann::ordered_json& state);
 

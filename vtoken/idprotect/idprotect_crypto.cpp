@@ -18,11 +18,11 @@ constexpr std::size_t kMacKeyAt = 24;
 
 using Context = std::unique_ptr<BN_CTX, decltype(&BN_CTX_free)>;
 
-Bytes sha1(const Bytes& data) {
+Bytes digest(const EVP_MD* md, const Bytes& data) {
     Bytes out(EVP_MAX_MD_SIZE);
     unsigned int n = 0;
-    if (EVP_Digest(data.data(), data.size(), out.data(), &n, EVP_sha1(), nullptr) != 1)
-        throw std::runtime_error("SHA-1 failed in OpenSSL");
+    if (EVP_Digest(data.data(), data.size(), out.data(), &n, md, nullptr) != 1)
+        throw std::runtime_error("a digest failed in OpenSSL");
     out.resize(n);
     return out;
 }
@@ -43,6 +43,8 @@ Bytes threeKeys(const Bytes& key) {
 
 }  // namespace
 
+Bytes sha256(const Bytes& data) { return digest(EVP_sha256(), data); }
+
 Bytes randomBytes(std::size_t n) {
     Bytes out(n);
     if (n && RAND_bytes(out.data(), static_cast<int>(n)) != 1)
@@ -52,8 +54,8 @@ Bytes randomBytes(std::size_t n) {
 
 bool answerMatches(const Bytes& pin, const Bytes& challenge, const Bytes& answer) {
     if (challenge.size() != kChallengeSize || answer.size() != kAnswerSize) return false;
-    const Bytes digest = sha1(pin);
-    const Bytes key(digest.begin(), digest.begin() + 16);
+    const Bytes hash = digest(EVP_sha1(), pin);
+    const Bytes key(hash.begin(), hash.begin() + 16);
     // CBC: the second block is E(first block ^ challenge).
     Bytes chained(answer.begin(), answer.begin() + kBlock);
     for (std::size_t i = 0; i < kBlock; ++i) chained[i] ^= challenge[i];

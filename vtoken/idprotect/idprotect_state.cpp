@@ -1,8 +1,11 @@
 #include "idprotect/idprotect_state.h"
 
 #include "core/state_json.h"
+#include "idprotect/idprotect_crypto.h"
 
 #include <openssl/rand.h>
+
+#include <algorithm>
 
 #include <cstdio>
 #include <map>
@@ -56,6 +59,13 @@ Bytes pinOf(const std::string& text, const char* what) {
     if (text.size() < kPinMin || text.size() > kPinMax)
         throw std::invalid_argument(std::string(what) + " has 4 to 16 bytes");
     return Bytes(text.begin(), text.end());
+}
+
+void checkFinger(unsigned number, const Bytes& templ) {
+    if (number < kFingerMin || number > kFingerMax)
+        throw std::invalid_argument("fingers are numbered 1 to 10");
+    if (templ.empty() || templ.size() > kTemplateMax)
+        throw std::invalid_argument("a finger's template has 1 to 2048 bytes");
 }
 
 bool knownLoginType(unsigned type) {
@@ -197,6 +207,16 @@ PinObject* IdprotectState::pin(std::uint16_t pinId) {
     return nullptr;
 }
 
+Bytes Finger::reference() const { return Bytes{0x00, 0x00, 0x00, number}; }
+
+Bytes Finger::publicData() const { return sha256(templ); }
+
+const Finger* IdprotectState::finger(unsigned number) const {
+    for (const auto& f : fingers)
+        if (f.number == number) return &f;
+    return nullptr;
+}
+
 PinObject* IdprotectState::owner(std::uint16_t pinId) {
     PinObject* p = pin(pinId);
     return p && p->kind == kKindLogin ? pin(kUserPin) : p;
@@ -234,7 +254,19 @@ IdprotectState personalise(const Personalisation& p) {
     s.pins.push_back(
         {kAdminPin, kKindAdmin, pinOf(p.adminPin, "the administrator PIN"), s.triesTotal});
     s.pins.push_back({kUserPin, kKindUser, pinOf(p.userPin, "the user PIN"), s.triesTotal});
-    if (s.loginType != kLoginPin) s.pins.push_back({s.loginType, kKindLogin, {}, 0});
+    // The fingerprint object stands for itself; the other two are composites.
+    if (s.loginType == kLoginPinOrFinger || s.loginType == kLoginPinAndFinger)
+        s.pins.push_back({s.loginType, kKindLogin, {}, 0});
+    s.fingerTriesLeft = s.triesTotal;
+    for (const auto& [number, templ] : p.fingers) {
+        checkFinger(number, templ);
+        if (s.finger(number))
+            throw std::invalid_argument("finger " + std::to_string(number) + " given twice");
+        s.fingers.push_back(
+            {static_cast<unsigned char>(number), templ, randomBytes(kTicketKeySize)});
+    }
+    std::sort(s.fingers.begin(), s.fingers.end(),
+              [](const Finger& a, const Finger& b) { return a.number < b.number; });
 
     const unsigned char lt = s.loginType;
     s.root = dir(kMf, accessOf({kAdminPin, kNever, kAdminPin, kAdminPin, kAdminPin, kAdminPin}));
@@ -266,8 +298,15 @@ json toJson(const IdprotectState& s) {
                         {"kind", p.kind},
                         {"pin", toHex(p.value)},
                         {"tries_left", p.triesLeft}});
-    return {{"version", toHex(s.version)}, {"id", toHex(s.id)},         {"memory", s.memory},
-            {"pin_tries", s.triesTotal},   {"login_type", s.loginType}, {"pins", pins},
+    json fingers = json::array();
+    for (const auto& f : s.fingers)
+        fingers.push_back({{"number", f.number},
+                           {"template", toHex(f.templ)},
+                           {"ticket_key", toHex(f.ticketKey)}});
+    return {{"version", toHex(s.version)}, {"id", toHex(s.id)},
+            {"memory", s.memory},          {"pin_tries", s.triesTotal},
+            {"login_type", s.loginType},   {"pins", pins},
+            {"fingers", fingers},          {"finger_tries_left", s.fingerTriesLeft},
             {"tree", nodeToJson(s.root)}};
 }
 
@@ -296,6 +335,21 @@ IdprotectState fromJson(const json& j) {
     }
     if (!s.pin(kUserPin) || !s.pin(kAdminPin))
         throw std::invalid_argument("pins: the user PIN 0020 and the administrator PIN 0010");
+    const json& fingers = j.value("fingers", json::array());
+    if (!fingers.is_array()) throw std::invalid_argument("fingers: a list");
+    for (const auto& f : fingers) {
+        if (!f.is_object()) throw std::invalid_argument("finger: not an object");
+        Finger finger{static_cast<unsigned char>(numberField(f, "number", kFingerMin, kFingerMax)),
+                      hexField(f.value("template", json("")), "finger.template"),
+                      hexField(f.value("ticket_key", json()), "finger.ticket_key",
+                               static_cast<int>(kTicketKeySize))};
+        checkFinger(finger.number, finger.templ);
+        if (s.finger(finger.number))
+            throw std::invalid_argument("finger " + std::to_string(finger.number) + " twice");
+        s.fingers.push_back(std::move(finger));
+    }
+    s.fingerTriesLeft = static_cast<unsigned char>(
+        numberField(j, "finger_tries_left", 0, s.triesTotal, s.triesTotal));
     s.root = nodeFromJson(j.value("tree", json()), 0);
     if (!s.root.isDir || s.root.id != kMf) throw std::invalid_argument("tree: begins at 3F00");
     return s;
@@ -325,6 +379,12 @@ std::string describe(const IdprotectState& s) {
                 << (p.triesLeft == 0 ? "  BLOCKED" : "");
         out << "\n";
     }
+    out << "fingers     ";
+    if (s.fingers.empty()) out << "none";
+    for (const auto& f : s.fingers)
+        out << unsigned{f.number} << " (" << f.templ.size() << "-byte template)  ";
+    out << "\nfinger tries " << unsigned{s.fingerTriesLeft} << "/" << unsigned{s.triesTotal}
+        << (s.fingerTriesLeft == 0 ? "  BLOCKED" : "") << "\n";
     out << "real tree\n";
     describeNode(out, s.root, {kMf});
     describeLogical(out, s);

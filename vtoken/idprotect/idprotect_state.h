@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace vtoken::idprotect {
@@ -65,6 +66,16 @@ constexpr unsigned char kLoginFinger = 0x23;
 constexpr unsigned char kLoginPinOrFinger = 0x24;
 constexpr unsigned char kLoginPinAndFinger = 0x25;
 
+// The fingerprint object: always there, answering the fingerprint tries in
+// its control parameters. For login type 0x23 it is the user's object.
+constexpr std::uint16_t kFingerObject = 0x0023;
+// Fingers by their position, 1 (right thumb) to 10 (left little finger).
+constexpr unsigned kFingerMin = 1;
+constexpr unsigned kFingerMax = 10;
+constexpr std::size_t kTemplateMax = 2048;
+constexpr std::size_t kTicketKeySize = 16;
+constexpr std::size_t kReferenceSize = 4;
+
 // Memory a node takes beside a file's content.
 constexpr std::size_t kNodeCost = 32;
 constexpr std::size_t kDirNameMax = 16;
@@ -91,6 +102,19 @@ struct PinObject {
     unsigned char triesLeft = 0;
 };
 
+// An enrolled finger: a capture matches when it equals the template, and a
+// ticket proves the finger by the card's challenge under the ticket key.
+struct Finger {
+    unsigned char number = 0;
+    Bytes templ;
+    Bytes ticketKey;
+
+    // The 4 bytes a ticket names the finger by: its number, big-endian.
+    Bytes reference() const;
+    // What the card hands out about the finger: SHA-256 of the template.
+    Bytes publicData() const;
+};
+
 struct IdprotectState {
     Bytes version{0x01, 0x08, 0x00, 0x04};
     Bytes id = Bytes(8, 0x00);
@@ -99,12 +123,15 @@ struct IdprotectState {
     unsigned char loginType = kLoginPin;
     Node root;
     std::vector<PinObject> pins;
+    std::vector<Finger> fingers;  // by number
+    unsigned char fingerTriesLeft = 10;
 
     // Null if the path does not lead to a node; the path begins after 3F00.
     Node* find(const Path& below);
     PinObject* pin(std::uint16_t id);
     // The PIN whose value and counter a PIN object uses.
     PinObject* owner(std::uint16_t id);
+    const Finger* finger(unsigned number) const;
     std::size_t memoryFree() const;
 };
 
@@ -117,6 +144,8 @@ struct Personalisation {
     std::optional<Bytes> id;            // 8 bytes; random if not given
     std::size_t memory = 65536;
     unsigned infoVersion = 4;
+    // Finger number and template; each gets a fresh ticket key.
+    std::vector<std::pair<unsigned, Bytes>> fingers;
 };
 
 // A fresh token: MF, the PIN objects, 3000 with the information file and

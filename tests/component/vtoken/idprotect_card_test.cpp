@@ -323,12 +323,57 @@ TEST(IdprotectCard, StateSurvivesSaveAndLoad) {
     )");
 }
 
+// Fingers 2 and 7 on a token whose user logs in with PIN and fingerprint.
+TEST(IdprotectCard, FingersMatchOnCardAndTickets) {
+    Personalisation p = smallToken();
+    p.loginType = kLoginPinAndFinger;
+    p.fingers = {{7, fromHex("70 71")}, {2, Bytes(300, 0x22)}};
+    auto card = makeCard(p);
+    auto* applet = card->find<IdprotectApplet>();
+    const Bytes key = applet->state().fingers.front().ticketKey;
+    const auto ticket = [&](const std::string& reference, const Bytes& k) {
+        const Bytes c = card->process(fromHex("00 84 00 00 08"));
+        const Bytes proof = des(EVP_des_ede_cbc(), k, Bytes(c.begin(), c.end() - 2), true);
+        return send(*card, "00 22 03 00 0C " + reference + toHex(proof));
+    };
+    send(*card, kSelectApplet);
+    play(*card, R"(
+        80 48 00 00 00 -> EA 0A 00 03 00 00 00 00 08 00 00 00 90 00
+        80 A4 08 0C 04 3F 00 00 23 00 -> 62 0B 83 02 00 23 85 05 04 10 00 00 33 90 00
+        10 22 02 00 FE 62 82 01 32 83 01 02 81 82 01 2B 22*243 -> 90 00
+        00 22 02 00 38 22*56 00 -> 63 C2                # one byte short of the template
+        00 22 02 00 09 62 07 83 01 07 81 02 70 71 00 -> 00 00 00 07 ... 90 00
+        80 CE 00 00 00 -> 00 00 23 90 00                # the fingerprint alone: not 0025
+    )");
+    EXPECT_EQ(ticket("00 00 00 02 ", key), "90 00");
+    Bytes digest(32);
+    EVP_Digest(Bytes(300, 0x22).data(), 300, digest.data(), nullptr, EVP_sha256(), nullptr);
+    EXPECT_EQ(send(*card, "80 48 02 00 00"), "83 01 02 82 20 " + toHex(digest) + " 90 00");
+    EXPECT_EQ(verify(*card, "1234"), "69 85") << "the fingerprint object takes no PIN";
+    send(*card, "80 A4 08 0C 04 3F 00 00 20 00");
+    EXPECT_EQ(verify(*card, "1234"), "90 00");
+    EXPECT_EQ(send(*card, "80 CE 00 00 00"), "00 00 20 00 00 23 0F 00 25 90 00");
+    EXPECT_EQ(ticket("00 00 00 03 ", key), "63 C2") << "finger 3 is not enrolled";
+    EXPECT_EQ(send(*card, "80 CE 00 00 00"), "00 00 20 90 00");
+    EXPECT_EQ(ticket("00 00 00 02 ", Bytes(16, 0x01)), "63 C1");
+    EXPECT_EQ(ticket("00 00 00 02 ", Bytes(16, 0x01)), "63 C0");
+    EXPECT_EQ(ticket("00 00 00 02 ", key), "69 83");
+    EXPECT_EQ(applet->describe().find(toHex(key).substr(0, 11)), std::string::npos);
+}
+
 TEST(IdprotectCard, InitOptionsAndStoredStates) {
     const std::vector<std::pair<std::string, std::string>> refused = {
-        {"--pin-tries", "16"},      {"--pin-tries", "0"},
-        {"--login-type", "0x21"},   {"--label", std::string(33, 'A')},
-        {"--label", "caf\xC3\xA9"}, {"--id", "0102"},
-        {"--user-pin", "123"},      {"--memory", "100"},
+        {"--pin-tries", "16"},
+        {"--pin-tries", "0"},
+        {"--login-type", "0x21"},
+        {"--label", std::string(33, 'A')},
+        {"--label", "caf\xC3\xA9"},
+        {"--id", "0102"},
+        {"--user-pin", "123"},
+        {"--memory", "100"},
+        {"--finger", "11=/dev/null"},
+        {"--finger", "1=/nonexistent"},
+        {"--finger", "1"},
     };
     for (const auto& [name, value] : refused) {
         vtoken::javacard::InitOptions options;
