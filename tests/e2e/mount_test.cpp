@@ -158,6 +158,8 @@ TEST_P(MountTest, OrdinaryProgramsWorkTheToken) {
     card.vanish();
     // A read reaches the card; some dialects list from what the library holds.
     run(mnt, tmp.path(), {"cat 2000/0001", false, "Input/output error"});
+    card.comeBack();
+    run(mnt, tmp.path(), {"cmp $T/shrunk 2000/0001", true, ""});
     run(tmp.path(), tmp.path(), {"fusermount3 -u " + mnt, true, ""});
     EXPECT_TRUE(m.endedCleanly());
     EXPECT_FALSE(mounted(mnt));
