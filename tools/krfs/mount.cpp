@@ -691,9 +691,11 @@ public:
         fuse_args args = FUSE_ARGS_INIT(3, const_cast<char**>(argv));
         fuse_ = fuse_new(&args, &ops, sizeof ops, &fs);
         if (fuse_ == nullptr) throw std::runtime_error("cannot set up FUSE");
-        if (fuse_mount(fuse_, mountpoint.c_str()) != 0)
+        if (fuse_mount(fuse_, mountpoint.c_str()) != 0) {
+            fuse_destroy(fuse_);
             throw std::runtime_error("cannot mount at " + mountpoint +
                                      " (is /dev/fuse there, and fuse3 installed?)");
+        }
         mounted_ = true;
         fuse_set_signal_handlers(fuse_get_session(fuse_));
     }
