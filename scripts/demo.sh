@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The demo: a tour of a virtual Pro token through a private pcscd with the
-# krfs tool. Installs what is missing, builds, runs, cleans up.
+# krfs tool, ending with the token mounted as a file system. Installs what is missing, builds, runs, cleans up.
 # Usage: scripts/demo.sh [--short]
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -22,6 +22,7 @@ short=0
 . scripts/lib/private-pcscd.sh
 work=$(mktemp -d /tmp/krfs-demo.XXXXXX)
 cleanup() {
+  [ -n "${mounted:-}" ] && fusermount3 -u -z "$mounted" 2>/dev/null
   [ -n "${card_pid:-}" ] && kill "$card_pid" 2>/dev/null && wait "$card_pid" 2>/dev/null
   pcscd_stop
   rm -rf "$work"
@@ -62,6 +63,20 @@ head -6 "$work/apdu.log"
 if [ $short -eq 0 ]; then
   step "$vtoken show --state token.json"
   "$vtoken" show --state "$work/token.json" | head -30
+fi
+
+echo
+echo "== the token as a file system"
+if [ -r /dev/fuse ] && [ -w /dev/fuse ] && command -v fusermount3 >/dev/null; then
+  mkdir "$work/token"
+  run "$krfs" --login --pin-env DEMO_PIN mount "$work/token"
+  mounted="$work/token"
+  run ls -l -R "$work/token"
+  run cat "$work/token/2000/0001"
+  run fusermount3 -u "$work/token"
+  mounted=
+else
+  echo "(skipped: krfs mount needs /dev/fuse and fusermount3, and this machine has not both)"
 fi
 echo
 echo "demo: done"

@@ -114,29 +114,6 @@ std::string pathText(const std::vector<WORD>& path) {
     return s.empty() ? "/" : s;
 }
 
-struct Listing {
-    std::vector<WORD> dirs;
-    std::vector<__tag_FileInfo> files;
-};
-
-Listing list(__tag_HDir* dir) {
-    Listing out;
-    __tag_HDirEnum* de = nullptr;
-    check(KRDirEnumOpen(&de, dir), "listing directories");
-    __tag_DirInfo di;
-    long rc;
-    while ((rc = KRDirEnumNext(de, &di)) == 0) out.dirs.push_back(di.id);
-    KRDirEnumClose(de);
-    if (rc != KR_NO_MORE_ITEMS) check(rc, "listing directories");
-    __tag_HFilesEnum* fe = nullptr;
-    check(KRFilesEnumOpen(&fe, dir), "listing files");
-    __tag_FileInfo fi;
-    while ((rc = KRFilesEnumNext(fe, &fi)) == 0) out.files.push_back(fi);
-    KRFilesEnumClose(fe);
-    if (rc != KR_NO_MORE_ITEMS) check(rc, "listing files");
-    return out;
-}
-
 json listJson(const Work& w, unsigned vendor, const std::vector<WORD>& path, bool recursive) {
     Dir dir = w.dir(vendor, path);
     const Listing l = list(dir.get());

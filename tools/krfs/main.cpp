@@ -3,6 +3,7 @@
 #include <iostream>
 
 #include "commands.h"
+#include "mount.h"
 
 using namespace krfstool;
 
@@ -70,6 +71,15 @@ int main(int argc, char** argv) {
     passwd->add_option("--new-pin-env", c.newPinEnv,
                        "Read the new PIN from this environment variable");
 
+    std::string mountpoint;
+    bool foreground = false;
+    auto* mount = app.add_subcommand(
+        "mount",
+        "Serve the vendor directory as a file system at MOUNTPOINT (fusermount3 -u unmounts)");
+    mount->add_option("MOUNTPOINT", mountpoint, "An existing directory")->required();
+    mount->add_flag("-f,--foreground", foreground,
+                    "Stay in the foreground until unmounted or interrupted");
+
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -91,6 +101,7 @@ int main(int argc, char** argv) {
         if (rm->parsed()) return cmdRm(c, path, recursive);
         if (app.got_subcommand("login")) return cmdLogin(c);
         if (passwd->parsed()) return cmdPasswd(c);
+        if (mount->parsed()) return cmdMount(c, mountpoint, foreground);
     } catch (const Failure& f) {
         std::cerr << "krfs: " << f.what() << ": " << describe(f.code) << "\n";
         return 1;

@@ -86,17 +86,16 @@ std::vector<ReaderEntry> listReaders() {
     return out;
 }
 
+std::string chooseReader(const Options& o) {
+    if (!o.reader.empty()) return o.reader;
+    for (const ReaderEntry& r : listReaders())
+        if (r.tokenPresent) return r.name;
+    throw Failure(KR_NO_SMARTCARD, "no reader holds a token");
+}
+
 Session::Session(const Options& o) {
     if (!o.log.empty()) KREnableLogging(o.log.c_str());
-    reader_ = o.reader;
-    if (reader_.empty()) {
-        for (const ReaderEntry& r : listReaders())
-            if (r.tokenPresent) {
-                reader_ = r.name;
-                break;
-            }
-        if (reader_.empty()) throw Failure(KR_NO_SMARTCARD, "no reader holds a token");
-    }
+    reader_ = chooseReader(o);
     check(KRTokenBind(&token_, reader_.c_str()), "binding to '" + reader_ + "'");
     check(KRTokenLock(token_), "locking the token");
     locked_ = true;
@@ -151,9 +150,9 @@ File::~File() {
     if (h_ != nullptr) KRFileClose(h_);
 }
 
-Dir openDir(const Session& s, unsigned vendor, const std::vector<WORD>& path) {
+Dir openDir(__tag_HToken* token, unsigned vendor, const std::vector<WORD>& path) {
     __tag_HDir* h = nullptr;
-    check(KRRootDirOpen(&h, s.token(), static_cast<WORD>(vendor)), "opening the vendor directory");
+    check(KRRootDirOpen(&h, token, static_cast<WORD>(vendor)), "opening the vendor directory");
     Dir dir(h);
     std::string walked;
     for (WORD id : path) {
@@ -163,6 +162,24 @@ Dir openDir(const Session& s, unsigned vendor, const std::vector<WORD>& path) {
         dir = Dir(child);
     }
     return dir;
+}
+
+Listing list(__tag_HDir* dir) {
+    Listing out;
+    __tag_HDirEnum* de = nullptr;
+    check(KRDirEnumOpen(&de, dir), "listing directories");
+    __tag_DirInfo di;
+    long rc;
+    while ((rc = KRDirEnumNext(de, &di)) == 0) out.dirs.push_back(di.id);
+    KRDirEnumClose(de);
+    if (rc != KR_NO_MORE_ITEMS) check(rc, "listing directories");
+    __tag_HFilesEnum* fe = nullptr;
+    check(KRFilesEnumOpen(&fe, dir), "listing files");
+    __tag_FileInfo fi;
+    while ((rc = KRFilesEnumNext(fe, &fi)) == 0) out.files.push_back(fi);
+    KRFilesEnumClose(fe);
+    if (rc != KR_NO_MORE_ITEMS) check(rc, "listing files");
+    return out;
 }
 
 std::string readPin(const PinSource& src, const std::string& prompt) {

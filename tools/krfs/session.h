@@ -35,6 +35,9 @@ struct Options {
     std::string log;      // the APDU log
 };
 
+// The reader the options name, or the first one holding a token.
+std::string chooseReader(const Options& o);
+
 // Binds, locks, and selects the applet; unlocks and unbinds at the end.
 class Session {
 public:
@@ -88,7 +91,17 @@ private:
 };
 
 // Opens the vendor directory and walks `path`, all of it directories.
-Dir openDir(const Session& s, unsigned vendor, const std::vector<WORD>& path);
+Dir openDir(__tag_HToken* token, unsigned vendor, const std::vector<WORD>& path);
+inline Dir openDir(const Session& s, unsigned vendor, const std::vector<WORD>& path) {
+    return openDir(s.token(), vendor, path);
+}
+
+// A directory's sub-directories and files, as its enumerations give them.
+struct Listing {
+    std::vector<WORD> dirs;
+    std::vector<__tag_FileInfo> files;
+};
+Listing list(__tag_HDir* dir);
 
 // Reads the PIN without putting it on the command line.
 struct PinSource {
