@@ -22,7 +22,8 @@ struct Dialect {
     const char* name;
     const char* dialect;
     const char* id;
-    bool shim;  // pcsc-lite connects an R2 token only through the PC/SC shim
+    bool shim;                     // pcsc-lite connects an R2 token only through the PC/SC shim
+    const char* applet = nullptr;  // binding passes Joker by: the mount names it
 };
 
 void PrintTo(const Dialect& d, std::ostream* os) { *os << d.name; }
@@ -33,6 +34,8 @@ const Dialect kDialects[] = {
     {"Gost", "gost", "0102030405060708", false},
     {"DataStore", "datastore", "0102030405060708", false},
     {"IDProtect", "idprotect", "0102030405060708", false},
+    {"Java", "java", "0102030405060708", false},
+    {"Joker", "joker", "0102030405060708", false, "2204"},
 };
 
 bool mounted(const std::string& dir) {
@@ -53,6 +56,7 @@ public:
                            ":verify_asan_link_order=0");
         }
         argv.insert(argv.end(), {KRFS_CLI_PATH, "-r", reader, "--vendor", "F001"});
+        if (d.applet) argv.insert(argv.end(), {"--applet", d.applet});
         if (login) argv.insert(argv.end(), {"--login", "--pin-env", "KRFS_PIN"});
         argv.insert(argv.end(), {"mount", "-f", dir});
         process_ = std::make_unique<ChildProcess>(argv, log_.file("mount.log"));
