@@ -690,6 +690,8 @@ public:
         const char* argv[] = {"krfs", "-o", "fsname=krfs,subtype=krfs,default_permissions"};
         fuse_args args = FUSE_ARGS_INIT(3, const_cast<char**>(argv));
         fuse_ = fuse_new(&args, &ops, sizeof ops, &fs);
+        // Parsing the options may have copied them onto the heap.
+        fuse_opt_free_args(&args);
         if (fuse_ == nullptr) throw std::runtime_error("cannot set up FUSE");
         if (fuse_mount(fuse_, mountpoint.c_str()) != 0) {
             fuse_destroy(fuse_);
