@@ -1,8 +1,7 @@
 #include "datastore/datastore_state.h"
 
+#include "core/random.h"
 #include "core/state_json.h"
-
-#include <openssl/rand.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -277,11 +276,7 @@ DataStoreState personalise(const Personalisation& p) {
     }
     s.label.assign(p.label.begin(), p.label.end());
     s.capacity = p.memory;
-    if (p.id) {
-        s.id = *p.id;
-    } else if (RAND_bytes(s.id.data(), static_cast<int>(s.id.size())) != 1) {
-        throw std::runtime_error("no random bytes from OpenSSL");
-    }
+    s.id = p.id ? *p.id : randomBytes(s.id.size());
     return s;
 }
 

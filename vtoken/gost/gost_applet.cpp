@@ -1,8 +1,7 @@
 #include "gost/gost_applet.h"
 
+#include "core/random.h"
 #include "core/state_json.h"
-
-#include <openssl/rand.h>
 
 #include <algorithm>
 #include <stdexcept>
@@ -268,10 +267,11 @@ Bytes GostApplet::random(const Bytes& data) {
     if (data.size() != 2) return respond(kBadParameters);
     const std::size_t n = wordAt(data, 0);
     if (n > kRandomMax) return respond(kBadParameters);
-    Bytes out(n);
-    if (n != 0 && RAND_bytes(out.data(), static_cast<int>(n)) != 1)
+    try {
+        return respond(sw::kOk, randomBytes(n));
+    } catch (const std::runtime_error&) {
         return respond(kNoPreciseDiagnosis);
-    return respond(sw::kOk, out);
+    }
 }
 
 Bytes GostApplet::readLabel(const Bytes& data) {

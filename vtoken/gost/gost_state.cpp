@@ -1,8 +1,7 @@
 #include "gost/gost_state.h"
 
+#include "core/random.h"
 #include "core/state_json.h"
-
-#include <openssl/rand.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -99,13 +98,6 @@ void checkFiles(const std::vector<Personalisation::File>& files) {
                 throw std::invalid_argument(pathText(f.path) + " and " + pathText(files[j].path) +
                                             ": the same path, or a file under a file");
     }
-}
-
-Bytes randomId() {
-    Bytes id(8);
-    if (RAND_bytes(id.data(), static_cast<int>(id.size())) != 1)
-        throw std::runtime_error("no random bytes from OpenSSL");
-    return id;
 }
 
 Pin pinOf(const std::string& text, const char* what) {
@@ -276,7 +268,7 @@ GostState personalise(const Personalisation& p) {
     s.user = pinOf(p.userPin, "the user PIN");
     s.triesTotal = p.triesTotal;
     s.label.assign(p.label.begin(), p.label.end());
-    s.id = p.id ? *p.id : randomId();
+    s.id = p.id ? *p.id : randomBytes(8);
     s.memory = p.memory;
     s.add(kTypePin);  // administrator
     s.add(kTypePin);  // user

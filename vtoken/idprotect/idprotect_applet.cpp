@@ -1,8 +1,9 @@
 #include "idprotect/idprotect_applet.h"
 
 #include "core/apdu.h"
-#include "pro/pro_crypto.h"
+#include "core/random.h"
 #include "core/state_json.h"
+#include "pro/pro_crypto.h"
 
 #include <algorithm>
 #include <stdexcept>

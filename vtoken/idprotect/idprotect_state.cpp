@@ -1,9 +1,8 @@
 #include "idprotect/idprotect_state.h"
 
+#include "core/random.h"
 #include "core/state_json.h"
 #include "idprotect/idprotect_crypto.h"
-
-#include <openssl/rand.h>
 
 #include <algorithm>
 
@@ -46,13 +45,6 @@ Node dir(std::uint16_t id, Bytes access) {
     n.id = id;
     n.access = std::move(access);
     return n;
-}
-
-Bytes randomId() {
-    Bytes id(8);
-    if (RAND_bytes(id.data(), static_cast<int>(id.size())) != 1)
-        throw std::runtime_error("no random bytes from OpenSSL");
-    return id;
 }
 
 Bytes pinOf(const std::string& text, const char* what) {
@@ -249,7 +241,7 @@ IdprotectState personalise(const Personalisation& p) {
     IdprotectState s;
     s.triesTotal = static_cast<unsigned char>(p.triesTotal);
     s.loginType = static_cast<unsigned char>(p.loginType);
-    s.id = p.id ? *p.id : randomId();
+    s.id = p.id ? *p.id : randomBytes(8);
     s.memory = p.memory;
     s.pins.push_back(
         {kAdminPin, kKindAdmin, pinOf(p.adminPin, "the administrator PIN"), s.triesTotal});

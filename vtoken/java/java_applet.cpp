@@ -1,6 +1,7 @@
 #include "java/java_applet.h"
 
 #include "core/apdu.h"
+#include "core/random.h"
 #include "java/java_crypto.h"
 
 #include <algorithm>

@@ -1,5 +1,6 @@
 #include "java/java_state.h"
 
+#include "core/random.h"
 #include "core/state_json.h"
 #include "java/java_crypto.h"
 

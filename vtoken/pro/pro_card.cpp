@@ -1,6 +1,6 @@
 #include "pro/pro_card.h"
 
-#include <openssl/rand.h>
+#include "core/random.h"
 
 #include <algorithm>
 #include <stdexcept>
@@ -465,9 +465,7 @@ Bytes ProCard::getData(const Command& c) {
 Bytes ProCard::getChallenge(const Command& c) {
     if (c.p1p2() != 0) return respond(sw::kWrongP1P2);
     if (!c.data.empty() || !c.le) return respond(sw::kWrongLength);
-    Bytes random(*c.le);
-    if (RAND_bytes(random.data(), static_cast<int>(random.size())) != 1)
-        throw std::runtime_error("no random bytes from OpenSSL");
+    const Bytes random = randomBytes(*c.le);
     session_.challenge = random;
     return respond(sw::kOk, random);
 }

@@ -1,9 +1,8 @@
 #include "pro/pro_state.h"
 
+#include "core/random.h"
 #include "core/state_json.h"
 #include "pro/pro_crypto.h"
-
-#include <openssl/rand.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -53,13 +52,6 @@ constexpr unsigned char kTries = 15;
 constexpr std::size_t kLabelSize = 32;
 constexpr std::size_t kFipsCounterSize = 43;  // salt, then the user counter at 41
 constexpr std::size_t kFipsUserCounter = 41;
-
-Bytes randomBytes(std::size_t n) {
-    Bytes out(n);
-    if (n > 0 && RAND_bytes(out.data(), static_cast<int>(n)) != 1)
-        throw std::runtime_error("no random bytes from OpenSSL");
-    return out;
-}
 
 Bytes rights(unsigned char first, unsigned char second, unsigned char third, unsigned char rest,
              std::size_t count) {

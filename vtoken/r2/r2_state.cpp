@@ -1,8 +1,7 @@
 #include "r2/r2_state.h"
 
+#include "core/random.h"
 #include "core/state_json.h"
-
-#include <openssl/rand.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -174,11 +173,7 @@ R2State personalise(const Personalisation& p) {
     s.pin.tries = s.pin.maxTries = p.maxTries;
     s.colour = p.colour;
     s.memoryTotal = p.memoryTotal;
-    if (p.id) {
-        s.id = *p.id;
-    } else if (RAND_bytes(s.id.data(), static_cast<int>(s.id.size())) != 1) {
-        throw std::runtime_error("no random bytes from OpenSSL");
-    }
+    s.id = p.id ? *p.id : randomBytes(s.id.size());
     if (p.label) {
         if (p.label->size() > kLabelMax)
             throw std::invalid_argument("a label has at most 32 bytes");
