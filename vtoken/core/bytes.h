@@ -43,6 +43,12 @@ inline std::uint16_t wordAt(const Bytes& data, std::size_t at) {
     return static_cast<std::uint16_t>(data[at] << 8 | data[at + 1]);
 }
 
+// Appends `w` to `out` as word() spells it.
+inline void putWord(Bytes& out, std::size_t w) {
+    out.push_back(static_cast<unsigned char>(w >> 8 & 0xFF));
+    out.push_back(static_cast<unsigned char>(w & 0xFF));
+}
+
 // Appends `more` to `out`. Reserving first also keeps GCC 12's -O3 bounds
 // check from a false alarm on small vectors.
 inline void append(Bytes& out, const Bytes& more) {

@@ -19,16 +19,6 @@ constexpr std::uint16_t kRoot = 0x3F00;
 // What `show` prints of a long value.
 constexpr std::size_t kShownMax = 16;
 
-std::string hexNumber(unsigned long n, int digits) {
-    char text[16];
-    std::snprintf(text, sizeof text, "%0*lX", digits, n);
-    return text;
-}
-
-Bytes bigWord(std::size_t w) {
-    return Bytes{static_cast<unsigned char>(w >> 8 & 0xFF), static_cast<unsigned char>(w & 0xFF)};
-}
-
 // The path attribute: each identifier low byte first.
 Bytes pathValue(const Path& path) {
     Bytes out;
@@ -79,7 +69,7 @@ void makeFile(GostState& s, const Personalisation::File& f) {
     }
     set(*s.find(objectHandle), kAttrPath, pathValue(f.path));
     set(*s.find(holderHandle), kAttrValue, std::move(content));
-    set(*s.find(objectHandle), kAttrSize, bigWord(f.content.size()));
+    set(*s.find(objectHandle), kAttrSize, word(f.content.size()));
 }
 
 bool startsWith(const Path& path, const Path& prefix) {

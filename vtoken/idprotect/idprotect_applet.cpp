@@ -152,16 +152,6 @@ Bytes tlv(unsigned char tag, const Bytes& value) {
     return out;
 }
 
-Bytes word(std::size_t w) {
-    return Bytes{static_cast<unsigned char>(w >> 8 & 0xFF), static_cast<unsigned char>(w & 0xFF)};
-}
-
-Bytes dword(std::size_t w) {
-    return Bytes{static_cast<unsigned char>(w >> 24 & 0xFF),
-                 static_cast<unsigned char>(w >> 16 & 0xFF),
-                 static_cast<unsigned char>(w >> 8 & 0xFF), static_cast<unsigned char>(w & 0xFF)};
-}
-
 Bytes padded(const Bytes& name) {
     Bytes out = name;
     out.resize(kDirNameMax, 0x00);

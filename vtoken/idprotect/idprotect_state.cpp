@@ -20,12 +20,6 @@ namespace {
 // Deeper trees are refused when a state is read back.
 constexpr int kDepthMax = 16;
 
-std::string hexNumber(unsigned long n, int digits) {
-    char text[16];
-    std::snprintf(text, sizeof text, "%0*lX", digits, n);
-    return text;
-}
-
 std::string pathText(const Path& path) {
     std::string text;
     for (std::uint16_t id : path) text += (text.empty() ? "" : "/") + hexNumber(id, 4);

@@ -121,18 +121,6 @@ Bytes tlv(unsigned char tag, const Bytes& value) {
     return out;
 }
 
-Bytes word(std::size_t w) {
-    return Bytes{static_cast<unsigned char>(w >> 8 & 0xFF), static_cast<unsigned char>(w & 0xFF)};
-}
-
-std::uint16_t wordOf(const Bytes& b) { return static_cast<std::uint16_t>(b[0] << 8 | b[1]); }
-
-Bytes dword(std::size_t w) {
-    return Bytes{static_cast<unsigned char>(w >> 24 & 0xFF),
-                 static_cast<unsigned char>(w >> 16 & 0xFF),
-                 static_cast<unsigned char>(w >> 8 & 0xFF), static_cast<unsigned char>(w & 0xFF)};
-}
-
 bool validId(std::uint16_t id) { return id != 0x0000 && id != kMf && id != 0xFFFF; }
 
 // The select answer: type, size, access bytes.
@@ -223,7 +211,7 @@ Bytes JavaApplet::unwrap(const Bytes& a) {
     const bool extended = a[4] == 0;
     const std::size_t start = extended ? 7 : 5;
     if (a.size() < start + 2) return respond(sw::kWrongLength);
-    const std::size_t lc = extended ? wordOf({a[5], a[6]}) : a[4];
+    const std::size_t lc = extended ? wordAt(a, 5) : a[4];
     if (a.size() != start + lc + 2) return respond(sw::kWrongLength);
     const auto bodyEnd = a.begin() + static_cast<std::ptrdiff_t>(start + lc);
     const auto objects = parseTlvs(Bytes(a.begin() + static_cast<std::ptrdiff_t>(start), bodyEnd));
@@ -255,7 +243,7 @@ Bytes JavaApplet::unwrap(const Bytes& a) {
                   a[3],
                   std::move(*plain),
                   std::nullopt};
-    const std::size_t le = wordOf({a[a.size() - 2], a.back()});
+    const std::size_t le = wordAt(a, a.size() - 2);
     if (le > kSmLeExtra) inner.le = le - kSmLeExtra;
     wrapped_ = true;
     Bytes answer = run(inner);
@@ -290,8 +278,7 @@ Bytes JavaApplet::selectNode(const Command& c) {
     if (c.data.size() % 2 || (c.p1 == kSelectMf && !c.data.empty()))
         return respond(sw::kWrongLength);
     Path path;
-    for (std::size_t at = 0; at < c.data.size(); at += 2)
-        path.push_back(wordOf({c.data[at], c.data[at + 1]}));
+    for (std::size_t at = 0; at < c.data.size(); at += 2) path.push_back(wordAt(c.data, at));
     const Node* n = state_.find(path);
     if (!n) return respond(kNotFound);
     session_.current = path;
@@ -305,13 +292,13 @@ Bytes JavaApplet::createNode(const Command& c) {
     const auto size = field(c.data, kTagSize, 2);
     const auto access = field(c.data, kTagAccess, kAccessSize);
     if (!type || !id || !size || !access || ((*type)[0] != kTypeDir && (*type)[0] != kTypeFile) ||
-        !validId(wordOf(*id)))
+        !validId(wordAt(*id, 0)))
         return respond(kBadParameters);
     Node n;
     n.isDir = (*type)[0] == kTypeDir;
-    n.id = wordOf(*id);
+    n.id = wordAt(*id, 0);
     n.access = *access;
-    if (!n.isDir) n.content.assign(wordOf(*size), 0x00);
+    if (!n.isDir) n.content.assign(wordAt(*size, 0), 0x00);
 
     Node& parent = *currentNode();
     if (!parent.isDir) return respond(kWrongKind);
@@ -328,7 +315,7 @@ Bytes JavaApplet::deleteNode(const Command& c) {
     if (c.data.size() != 2) return respond(sw::kWrongLength);
     Node& parent = *currentNode();
     if (!parent.isDir) return respond(kWrongKind);
-    const std::uint16_t id = wordOf(c.data);
+    const std::uint16_t id = wordAt(c.data, 0);
     const Node* n = parent.child(id);
     if (!n) return respond(kNotFound);
     if (!allowed(parent, kInside) || (!n->isDir && !allowed(*n, kWrite)))
@@ -351,7 +338,7 @@ Bytes JavaApplet::listNodes(const Command& c) {
     std::vector<std::uint16_t> ids;
     for (const auto& child : dir.children)
         if (child.isDir == (c.p1 == kListDirs)) ids.push_back(child.id);
-    const std::size_t first = std::min<std::size_t>(wordOf(*from), ids.size());
+    const std::size_t first = std::min<std::size_t>(wordAt(*from, 0), ids.size());
     const std::size_t end = std::min(first + kListPage, ids.size());
     Bytes page;
     for (std::size_t i = first; i < end; ++i) append(page, word(ids[i]));
@@ -368,7 +355,7 @@ Bytes JavaApplet::readFile(const Command& c) {
     const Node& n = *currentNode();
     if (n.isDir) return respond(kWrongKind);
     if (!allowed(n, kRead)) return respond(kAccessRefused);
-    const std::size_t from = wordOf(*offset);
+    const std::size_t from = wordAt(*offset, 0);
     if (from + *c.le > n.content.size()) return respond(kBadParameters);
     const auto begin = n.content.begin() + static_cast<std::ptrdiff_t>(from);
     return respond(sw::kOk, Bytes(begin, begin + static_cast<std::ptrdiff_t>(*c.le)));
@@ -382,7 +369,7 @@ Bytes JavaApplet::writeFile(const Command& c) {
     Node& n = *currentNode();
     if (n.isDir) return respond(kWrongKind);
     if (!allowed(n, kWrite)) return respond(kAccessRefused);
-    const std::size_t from = wordOf(*offset);
+    const std::size_t from = wordAt(*offset, 0);
     if (from + data->size() > n.content.size()) return respond(kBadParameters);
     std::copy(data->begin(), data->end(), n.content.begin() + static_cast<std::ptrdiff_t>(from));
     markChanged();
@@ -397,7 +384,7 @@ Bytes JavaApplet::setSize(const Command& c) {
     Node& n = *currentNode();
     if (n.isDir) return respond(kWrongKind);
     if (!allowed(n, kWrite)) return respond(kAccessRefused);
-    const std::size_t newSize = wordOf(*size);
+    const std::size_t newSize = wordAt(*size, 0);
     if (newSize > n.content.size() && newSize - n.content.size() > state_.memoryFree())
         return respond(kNoRoom);
     n.content.resize(newSize, 0x00);

@@ -21,12 +21,6 @@ constexpr std::size_t kValueMax = 32;
 constexpr std::size_t kMarkerSize = 16;
 constexpr std::size_t kPinMax = 32;
 
-std::string hexNumber(unsigned long n, int digits) {
-    char text[16];
-    std::snprintf(text, sizeof text, "%0*lX", digits, n);
-    return text;
-}
-
 Node dir(std::uint16_t id, unsigned char inside) {
     Node n;
     n.isDir = true;

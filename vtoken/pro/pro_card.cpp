@@ -78,10 +78,6 @@ void appendTlv(Bytes& out, unsigned char tag, const Bytes& value) {
     out.insert(out.end(), value.begin(), value.end());
 }
 
-Bytes word(std::size_t w) {
-    return {static_cast<unsigned char>(w >> 8 & 0xFF), static_cast<unsigned char>(w & 0xFF)};
-}
-
 // The tags of a create template, one level. Nothing on a malformed one.
 struct Tlv {
     unsigned char tag;

@@ -107,15 +107,9 @@ Bytes legacyLabel(const std::string& utf8) {
     return out;
 }
 
-std::string hexWord(std::uint16_t id) {
-    char text[8];
-    std::snprintf(text, sizeof text, "%04X", id);
-    return text;
-}
-
 json nodeToJson(const Node& n) {
     json out = {
-        {"id", hexWord(n.id)}, {"type", n.dir ? "dir" : "file"}, {"access", toHex(n.access)}};
+        {"id", hexNumber(n.id, 4)}, {"type", n.dir ? "dir" : "file"}, {"access", toHex(n.access)}};
     if (n.dir) {
         if (!n.pins.empty()) {
             json pins = json::array();
@@ -159,7 +153,7 @@ Node nodeFromJson(const json& j, int depth, Path& at, std::vector<LegacyPin>& le
     n.id = static_cast<std::uint16_t>(id[0] << 8 | id[1]);
     const std::string type = j.value("type", "");
     if (type != "dir" && type != "file")
-        throw std::invalid_argument("node " + hexWord(n.id) + ": type is dir or file");
+        throw std::invalid_argument("node " + hexNumber(n.id, 4) + ": type is dir or file");
     n.dir = type == "dir";
     n.access = hexField(j.value("access", json()), "node.access");
     if (n.dir) {
@@ -188,14 +182,14 @@ Node nodeFromJson(const json& j, int depth, Path& at, std::vector<LegacyPin>& le
             Node child = nodeFromJson(c, depth + 1, at, legacy);
             at.pop_back();
             if (n.child(child.id))
-                throw std::invalid_argument("node " + hexWord(n.id) + ": two children " +
-                                            hexWord(child.id));
+                throw std::invalid_argument("node " + hexNumber(n.id, 4) + ": two children " +
+                                            hexNumber(child.id, 4));
             n.children.push_back(std::move(child));
         }
     } else {
         n.data = hexField(j.value("data", json("")), "node.data");
         if (n.data.size() > 0xFFFF)
-            throw std::invalid_argument("node " + hexWord(n.id) + ": above 65535 bytes");
+            throw std::invalid_argument("node " + hexNumber(n.id, 4) + ": above 65535 bytes");
     }
     return n;
 }
@@ -207,7 +201,7 @@ std::size_t used(const Node& n) {
 }
 
 void describeNode(std::ostringstream& out, const Node& n, const std::string& indent) {
-    out << indent << hexWord(n.id);
+    out << indent << hexNumber(n.id, 4);
     if (n.dir) {
         out << "/  dir   create " << toHex({n.right(right::kCreate)}) << "  delete "
             << toHex({n.right(right::kDeleteDir)});

@@ -22,12 +22,6 @@ void littleWord(Bytes& out, std::uint16_t w) {
     out.push_back(static_cast<unsigned char>(w >> 8));
 }
 
-std::string hexWord(std::uint16_t id) {
-    char text[8];
-    std::snprintf(text, sizeof text, "%04X", id);
-    return text;
-}
-
 std::size_t treeCost(const Node& n) {
     std::size_t total = 0;
     for (const auto& c : n.children) total += c.cost() + treeCost(c);
@@ -35,7 +29,7 @@ std::size_t treeCost(const Node& n) {
 }
 
 json nodeToJson(const Node& n) {
-    json out = {{"id", hexWord(n.id)}, {"type", n.dir ? "dir" : "file"}};
+    json out = {{"id", hexNumber(n.id, 4)}, {"type", n.dir ? "dir" : "file"}};
     if (n.dir) {
         json children = json::array();
         for (const auto& c : n.children) children.push_back(nodeToJson(c));
@@ -53,7 +47,7 @@ Node nodeFromJson(const json& j, int depth) {
     const Bytes id = hexField(j.value("id", json()), "node.id", 2);
     Node n;
     n.id = static_cast<std::uint16_t>(id[0] << 8 | id[1]);
-    const std::string name = "node " + hexWord(n.id);
+    const std::string name = "node " + hexNumber(n.id, 4);
     const std::string type = j.value("type", "");
     if (type != "dir" && type != "file")
         throw std::invalid_argument(name + ": type is dir or file");
@@ -62,9 +56,9 @@ Node nodeFromJson(const json& j, int depth) {
         for (const auto& c : j.value("children", json::array())) {
             Node child = nodeFromJson(c, depth + 1);
             if (child.id == kRoot || child.id == 0x0000 || child.id == 0xFFFF)
-                throw std::invalid_argument(name + ": a child cannot be " + hexWord(child.id));
+                throw std::invalid_argument(name + ": a child cannot be " + hexNumber(child.id, 4));
             if (n.child(child.id))
-                throw std::invalid_argument(name + ": two children " + hexWord(child.id));
+                throw std::invalid_argument(name + ": two children " + hexNumber(child.id, 4));
             n.children.push_back(std::move(child));
         }
     } else {
@@ -90,7 +84,7 @@ UserPin pinFromJson(const json& j) {
 }
 
 void describeNode(std::ostringstream& out, const Node& n, const std::string& indent) {
-    out << indent << hexWord(n.id);
+    out << indent << hexNumber(n.id, 4);
     if (n.dir) {
         out << "/  dir\n";
     } else {
