@@ -2,6 +2,7 @@
 
 #include "core/apdu.h"
 #include "core/random.h"
+#include "core/tlv.h"
 #include "java/java_crypto.h"
 
 #include <algorithm>
@@ -68,57 +69,22 @@ constexpr std::size_t kSmObjectSize = 8;
 // Added by the host to the Le of a wrapped command.
 constexpr std::size_t kSmLeExtra = 0x20;
 
-struct Tlv {
-    unsigned char tag;
-    Bytes value;
-};
-using Tlvs = std::vector<Tlv>;
-
-// One-byte tags; a length of one byte, or FF and two bytes. Nothing on any
-// overrun.
+// Lengths from FF up are FF and two bytes.
 std::optional<Tlvs> parseTlvs(const Bytes& data) {
-    Tlvs out;
-    std::size_t at = 0;
-    while (at < data.size()) {
-        if (data.size() - at < 2) return std::nullopt;
-        const unsigned char tag = data[at++];
-        std::size_t len = data[at++];
-        if (len == 0xFF) {
-            if (data.size() - at < 2) return std::nullopt;
-            len = static_cast<std::size_t>(data[at] << 8 | data[at + 1]);
-            at += 2;
-        }
-        if (data.size() - at < len) return std::nullopt;
-        const auto from = data.begin() + static_cast<std::ptrdiff_t>(at);
-        out.push_back({tag, Bytes(from, from + static_cast<std::ptrdiff_t>(len))});
-        at += len;
-    }
-    return out;
+    return vtoken::parseTlvs(data, TlvLengths::kFfWord);
+}
+
+Bytes tlv(unsigned char tag, const Bytes& value) {
+    return vtoken::tlv(tag, value, TlvLengths::kFfWord);
 }
 
 // The value of `tag` in a body, if the body parses and the value has
 // `size` bytes (any size if 0).
 std::optional<Bytes> field(const Bytes& body, unsigned char tag, std::size_t size = 0) {
     const auto tlvs = parseTlvs(body);
-    if (!tlvs) return std::nullopt;
-    for (const auto& t : *tlvs)
-        if (t.tag == tag) {
-            if (size && t.value.size() != size) return std::nullopt;
-            return t.value;
-        }
-    return std::nullopt;
-}
-
-Bytes tlv(unsigned char tag, const Bytes& value) {
-    Bytes out{tag};
-    const std::size_t n = value.size();
-    if (n >= 0xFF)
-        out.insert(out.end(), {0xFF, static_cast<unsigned char>(n >> 8),
-                               static_cast<unsigned char>(n & 0xFF)});
-    else
-        out.push_back(static_cast<unsigned char>(n));
-    append(out, value);
-    return out;
+    const Bytes* value = tlvs ? findTag(*tlvs, tag) : nullptr;
+    if (!value || (size && value->size() != size)) return std::nullopt;
+    return *value;
 }
 
 bool validId(std::uint16_t id) { return id != 0x0000 && id != kMf && id != 0xFFFF; }

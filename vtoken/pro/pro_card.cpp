@@ -1,6 +1,7 @@
 #include "pro/pro_card.h"
 
 #include "core/random.h"
+#include "core/tlv.h"
 
 #include <algorithm>
 #include <stdexcept>
@@ -79,12 +80,8 @@ void appendTlv(Bytes& out, unsigned char tag, const Bytes& value) {
 }
 
 // The tags of a create template, one level. Nothing on a malformed one.
-struct Tlv {
-    unsigned char tag;
-    Bytes value;
-};
-std::optional<std::vector<Tlv>> parseTlvs(const Bytes& data) {
-    std::vector<Tlv> out;
+std::optional<Tlvs> parseTlvs(const Bytes& data) {
+    Tlvs out;
     std::size_t i = 0;
     while (i < data.size()) {
         unsigned char tag = data[i++];
@@ -101,12 +98,6 @@ std::optional<std::vector<Tlv>> parseTlvs(const Bytes& data) {
         i += length;
     }
     return out;
-}
-
-const Bytes* findTag(const std::vector<Tlv>& tlvs, unsigned char tag) {
-    for (const auto& t : tlvs)
-        if (t.tag == tag) return &t.value;
-    return nullptr;
 }
 
 bool reservedId(std::uint16_t id) {
