@@ -3,6 +3,7 @@
 // access bytes, and the stored form of such a tree.
 #pragma once
 
+#include "core/by_id.h"
 #include "core/bytes.h"
 #include "core/state_json.h"
 
@@ -30,11 +31,7 @@ struct TreeNode {
     Bytes content;               // files only
     std::vector<Node> children;  // in creation order
 
-    Node* child(std::uint16_t childId) {
-        for (auto& c : children)
-            if (c.id == childId) return &c;
-        return nullptr;
-    }
+    Node* child(std::uint16_t childId) { return findById(children, childId); }
 
     // The memory of this node and all below it.
     std::size_t cost() const {

@@ -1,5 +1,6 @@
 #include "gost/gost_state.h"
 
+#include "core/by_id.h"
 #include "core/random.h"
 #include "core/state_json.h"
 
@@ -175,15 +176,9 @@ const Bytes& aid() {
     return kAid;
 }
 
-Attribute* Object::find(std::uint32_t id) {
-    for (auto& a : attributes)
-        if (a.id == id) return &a;
-    return nullptr;
-}
+Attribute* Object::find(std::uint32_t id) { return findById(attributes, id); }
 
-const Attribute* Object::find(std::uint32_t id) const {
-    return const_cast<Object*>(this)->find(id);
-}
+const Attribute* Object::find(std::uint32_t id) const { return findById(attributes, id); }
 
 bool Object::isPrivate() const {
     const Attribute* a = find(kAttrPrivate);

@@ -1,5 +1,6 @@
 #include "idprotect/idprotect_state.h"
 
+#include "core/by_id.h"
 #include "core/random.h"
 #include "core/state_json.h"
 #include "idprotect/idprotect_crypto.h"
@@ -135,11 +136,7 @@ unsigned char Node::condition(std::size_t index) const {
 
 Node* IdprotectState::find(const Path& below) { return findNode(root, below); }
 
-PinObject* IdprotectState::pin(std::uint16_t pinId) {
-    for (auto& p : pins)
-        if (p.id == pinId) return &p;
-    return nullptr;
-}
+PinObject* IdprotectState::pin(std::uint16_t pinId) { return findById(pins, pinId); }
 
 Bytes Finger::reference() const { return Bytes{0x00, 0x00, 0x00, number}; }
 

@@ -1,5 +1,6 @@
 #include "java/java_state.h"
 
+#include "core/by_id.h"
 #include "core/random.h"
 #include "core/state_json.h"
 #include "java/java_crypto.h"
@@ -88,11 +89,7 @@ const char* pinRole(unsigned char id) {
 
 Node* JavaState::find(const Path& below) { return findNode(root, below); }
 
-PinObject* JavaState::pin(unsigned char pinId) {
-    for (auto& p : pins)
-        if (p.id == pinId) return &p;
-    return nullptr;
-}
+PinObject* JavaState::pin(unsigned char pinId) { return findById(pins, pinId); }
 
 std::size_t JavaState::memoryFree() const { return memoryLeft(root, memory); }
 

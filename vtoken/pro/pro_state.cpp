@@ -1,5 +1,6 @@
 #include "pro/pro_state.h"
 
+#include "core/by_id.h"
 #include "core/random.h"
 #include "core/state_json.h"
 #include "pro/pro_crypto.h"
@@ -232,21 +233,11 @@ std::optional<Model> modelByName(std::string_view name) {
     return std::nullopt;
 }
 
-Node* Node::child(std::uint16_t childId) {
-    for (auto& c : children)
-        if (c.id == childId) return &c;
-    return nullptr;
-}
+Node* Node::child(std::uint16_t childId) { return findById(children, childId); }
 
-const Node* Node::child(std::uint16_t childId) const {
-    return const_cast<Node*>(this)->child(childId);
-}
+const Node* Node::child(std::uint16_t childId) const { return findById(children, childId); }
 
-PinObject* Node::pin(unsigned char pinId) {
-    for (auto& p : pins)
-        if (p.id == pinId) return &p;
-    return nullptr;
-}
+PinObject* Node::pin(unsigned char pinId) { return findById(pins, pinId); }
 
 const PinObject* Node::pin(unsigned char pinId) const {
     return const_cast<Node*>(this)->pin(pinId);

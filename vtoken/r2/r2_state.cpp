@@ -1,5 +1,6 @@
 #include "r2/r2_state.h"
 
+#include "core/by_id.h"
 #include "core/random.h"
 #include "core/state_json.h"
 
@@ -121,15 +122,9 @@ Node Node::file(std::uint16_t id, bool isPrivate, Bytes data) {
     return n;
 }
 
-Node* Node::child(std::uint16_t childId) {
-    for (auto& c : children)
-        if (c.id == childId) return &c;
-    return nullptr;
-}
+Node* Node::child(std::uint16_t childId) { return findById(children, childId); }
 
-const Node* Node::child(std::uint16_t childId) const {
-    return const_cast<Node*>(this)->child(childId);
-}
+const Node* Node::child(std::uint16_t childId) const { return findById(children, childId); }
 
 Bytes R2State::configBlock() const {
     Bytes block = id;
