@@ -247,6 +247,20 @@ private:
     std::size_t i_ = static_cast<std::size_t>(-1);
 };
 
+// Reads a command's options: --state FILE into `state`, each other one
+// through `take`, which answers false for one it does not know. Throws
+// std::invalid_argument for an unknown option or a missing value.
+template <class Take>
+void readOptions(const std::vector<std::string>& args, std::string& state, const Take& take) {
+    Options o(args);
+    while (o.next()) {
+        if (o.name() == "--state")
+            state = o.value();
+        else if (!take(o.name(), o))
+            throw std::invalid_argument("unknown option: " + o.name());
+    }
+}
+
 int writeState(const std::string& path, const std::string& text, bool force) {
     try {
         vtoken::writeNewState(path, text, force);
@@ -274,12 +288,8 @@ int initJavaCard(const vtoken::JavaDialect& dialect, const std::vector<std::stri
     vtoken::javacard::InitOptions options;
     std::string text;
     try {
-        Options o(args);
-        while (o.next()) {
-            const std::string& a = o.name();
-            if (a == "--state") {
-                path = o.value();
-            } else if (a == "--dialect") {
+        readOptions(args, path, [&](const std::string& a, Options& o) {
+            if (a == "--dialect") {
                 o.value();
             } else if (a == "--force") {
                 force = true;
@@ -291,9 +301,10 @@ int initJavaCard(const vtoken::JavaDialect& dialect, const std::vector<std::stri
             } else if (a.rfind("--", 0) == 0) {
                 options.add(a, o.value());
             } else {
-                throw std::invalid_argument("unknown option: " + a);
+                return false;
             }
-        }
+            return true;
+        });
         if (path.empty()) throw std::invalid_argument("init needs --state");
         vtoken::JavaInstallation installation = dialect.install(options);
         vtoken::addApplets(installation, options);
@@ -321,12 +332,8 @@ int init(const std::vector<std::string>& args) {
     // Options one dialect takes and the other refuses.
     std::string proOnly, r2Only;
     try {
-        Options o(args);
-        while (o.next()) {
-            const std::string& a = o.name();
-            if (a == "--state") {
-                path = o.value();
-            } else if (a == "--dialect") {
+        readOptions(args, path, [&](const std::string& a, Options& o) {
+            if (a == "--dialect") {
                 dialect = o.value();
             } else if (a == "--model") {
                 auto m = vtoken::pro::modelByName(o.value());
@@ -364,9 +371,10 @@ int init(const std::vector<std::string>& args) {
             } else if (a == "--force") {
                 force = true;
             } else {
-                throw std::invalid_argument("unknown option: " + a);
+                return false;
             }
-        }
+            return true;
+        });
         if (path.empty()) throw std::invalid_argument("init needs --state");
         if (dialect != "pro" && dialect != "r2")
             throw std::invalid_argument("dialect: pro, r2 or a Java-card dialect (" +
@@ -397,11 +405,7 @@ int init(const std::vector<std::string>& args) {
 int show(const std::vector<std::string>& args) {
     std::string path;
     try {
-        Options o(args);
-        while (o.next()) {
-            if (o.name() != "--state") throw std::invalid_argument("unknown option: " + o.name());
-            path = o.value();
-        }
+        readOptions(args, path, [](const std::string&, Options&) { return false; });
         if (path.empty()) throw std::invalid_argument("show needs --state");
     } catch (const std::invalid_argument& e) {
         return usageError(e.what());
@@ -420,12 +424,8 @@ int ticket(const std::vector<std::string>& args) {
     vtoken::idprotect::TicketRequest request;
     bool typed = false;
     try {
-        Options o(args);
-        while (o.next()) {
-            const std::string& a = o.name();
-            if (a == "--state") {
-                path = o.value();
-            } else if (a == "--type") {
+        readOptions(args, path, [&](const std::string& a, Options& o) {
+            if (a == "--type") {
                 request.type = static_cast<unsigned>(parseNumber(o.value(), 0xFF, a));
                 typed = true;
             } else if (a == "--pin") {
@@ -433,9 +433,10 @@ int ticket(const std::vector<std::string>& args) {
             } else if (a == "--finger") {
                 request.finger = static_cast<unsigned>(parseNumber(o.value(), 0xFF, a));
             } else {
-                throw std::invalid_argument("unknown option: " + a);
+                return false;
             }
-        }
+            return true;
+        });
         if (path.empty() || !typed) throw std::invalid_argument("ticket needs --state and --type");
     } catch (const std::invalid_argument& e) {
         return usageError(e.what());
@@ -470,9 +471,7 @@ struct ServeOptions {
 int serve(const std::vector<std::string>& args) {
     ServeOptions options;
     try {
-        Options o(args);
-        while (o.next()) {
-            const std::string& a = o.name();
+        readOptions(args, options.state, [&](const std::string& a, Options& o) {
             if (a == "--mute") {
                 options.mute = true;
             } else if (a == "--verbose") {
@@ -487,8 +486,6 @@ int serve(const std::vector<std::string>& args) {
                 options.atr = o.value();
             } else if (a == "--script") {
                 options.script = o.value();
-            } else if (a == "--state") {
-                options.state = o.value();
             } else if (a == "--refuse") {
                 options.faults.refuse.push_back(vtoken::Faults::parseRefusal(o.value()));
             } else if (a == "--truncate") {
@@ -502,9 +499,10 @@ int serve(const std::vector<std::string>& args) {
             } else if (a == "--assume-verified") {
                 options.assumed.push_back(hexByte(o.value(), "--assume-verified"));
             } else {
-                throw std::invalid_argument("unknown option: " + a);
+                return false;
             }
-        }
+            return true;
+        });
         if (options.state.empty() == options.atr.empty())
             throw std::invalid_argument("serve needs --state or --atr, not both");
         if (!options.state.empty() && !options.script.empty())

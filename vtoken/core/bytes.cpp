@@ -1,5 +1,6 @@
 #include "core/bytes.h"
 
+#include <cstdio>
 #include <stdexcept>
 
 namespace vtoken {
@@ -45,6 +46,12 @@ std::string toHex(const Bytes& bytes) {
         out += digits[b & 0x0F];
     }
     return out;
+}
+
+std::string hexNumber(unsigned long w, int digits) {
+    char text[24];
+    std::snprintf(text, sizeof text, "%0*lX", digits, w);
+    return text;
 }
 
 }  // namespace vtoken

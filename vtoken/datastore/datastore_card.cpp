@@ -54,15 +54,6 @@ constexpr std::size_t kRecordInfoSize = 7;
 constexpr std::size_t kReadMax = 256;
 constexpr std::size_t kStatusSize = 30;
 
-void putWord(Bytes& out, std::size_t w) {
-    out.push_back(static_cast<unsigned char>(w >> 8 & 0xFF));
-    out.push_back(static_cast<unsigned char>(w & 0xFF));
-}
-
-std::uint16_t wordAt(const Bytes& data, std::size_t at) {
-    return static_cast<std::uint16_t>(data[at] << 8 | data[at + 1]);
-}
-
 // Login and change carry the reference, the length and the PIN: the PIN,
 // or nothing if the lengths disagree or the reference names no PIN.
 std::optional<Bytes> pinField(const Apdu& c) {

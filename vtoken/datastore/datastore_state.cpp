@@ -1,8 +1,7 @@
 #include "datastore/datastore_state.h"
 
+#include "core/random.h"
 #include "core/state_json.h"
-
-#include <openssl/rand.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -47,12 +46,6 @@ const std::map<unsigned char, std::uint16_t>& codes() {
     return table;
 }
 
-std::string hexWord(std::uint16_t w) {
-    char text[8];
-    std::snprintf(text, sizeof text, "%04X", w);
-    return text;
-}
-
 std::string text(const Bytes& b) { return std::string(b.begin(), b.end()); }
 
 // A node of a tree as the host reads it out of the records.
@@ -71,10 +64,10 @@ bool fromRoot(const std::vector<std::uint16_t>& path) {
 void printNodes(std::ostringstream& out, const std::vector<Node>& nodes) {
     for (const auto& n : nodes) {
         std::string path;
-        for (auto id : n.path) path += (path.empty() ? "" : "/") + hexWord(id);
-        if (!fromRoot(n.path)) path = "(no path) " + hexWord(n.name);
+        for (auto id : n.path) path += (path.empty() ? "" : "/") + hexNumber(id, 4);
+        if (!fromRoot(n.path)) path = "(no path) " + hexNumber(n.name, 4);
         out << "  " << path << std::string(path.size() < 28 ? 28 - path.size() : 1, ' ')
-            << "record " << hexWord(n.record);
+            << "record " << hexNumber(n.record, 4);
         if (n.r->content.empty())
             out << "  dir";
         else
@@ -84,7 +77,7 @@ void printNodes(std::ostringstream& out, const std::vector<Node>& nodes) {
 }
 
 void describeFirstTree(std::ostringstream& out, const DataStoreState& s) {
-    out << "tree of layout 1 (label: parent record << 8 | code, root " << hexWord(kRootLabel)
+    out << "tree of layout 1 (label: parent record << 8 | code, root " << hexNumber(kRootLabel, 4)
         << ")\n";
     std::vector<Node> nodes;
     for (const auto& r : s.records) {
@@ -117,8 +110,8 @@ void describeFirstTree(std::ostringstream& out, const DataStoreState& s) {
 }
 
 void describeSecondTree(std::ostringstream& out, const DataStoreState& s) {
-    out << "tree of layout 2 (table: label " << hexWord(kTableLabel) << ", nodes: label "
-        << hexWord(kNodeLabel) << ")\n";
+    out << "tree of layout 2 (table: label " << hexNumber(kTableLabel, 4) << ", nodes: label "
+        << hexNumber(kNodeLabel, 4) << ")\n";
     auto table = std::find_if(s.records.begin(), s.records.end(),
                               [](const Record& r) { return r.label == kTableLabel; });
     if (table == s.records.end()) {
@@ -126,7 +119,7 @@ void describeSecondTree(std::ostringstream& out, const DataStoreState& s) {
         return;
     }
     if (table->content.size() != kTableSize) {
-        out << "  table record " << hexWord(table->number) << " has " << table->content.size()
+        out << "  table record " << hexNumber(table->number, 4) << " has " << table->content.size()
             << " bytes, not 2048: the host refuses it\n";
         return;
     }
@@ -140,7 +133,7 @@ void describeSecondTree(std::ostringstream& out, const DataStoreState& s) {
         n.name = static_cast<std::uint16_t>(at[2] | at[3] << 8);
         n.r = s.find(n.record);
         if (!n.r) {
-            out << "  slot " << hexWord(n.record) << " (" << hexWord(n.name)
+            out << "  slot " << hexNumber(n.record, 4) << " (" << hexNumber(n.name, 4)
                 << "): its record is gone, the host drops it\n";
             continue;
         }
@@ -277,11 +270,7 @@ DataStoreState personalise(const Personalisation& p) {
     }
     s.label.assign(p.label.begin(), p.label.end());
     s.capacity = p.memory;
-    if (p.id) {
-        s.id = *p.id;
-    } else if (RAND_bytes(s.id.data(), static_cast<int>(s.id.size())) != 1) {
-        throw std::runtime_error("no random bytes from OpenSSL");
-    }
+    s.id = p.id ? *p.id : randomBytes(s.id.size());
     return s;
 }
 
@@ -299,7 +288,7 @@ json toJson(const DataStoreState& s) {
     json records = json::array();
     for (const auto& r : s.records)
         records.push_back({{"number", r.number},
-                           {"label", hexWord(r.label)},
+                           {"label", hexNumber(r.label, 4)},
                            {"flags", r.flags},
                            {"content", toHex(r.content)}});
     return {{"version", toHex(s.version)},
@@ -364,7 +353,7 @@ std::string describe(const DataStoreState& s) {
             << (s.cutPowerPending ? ", and at the next command" : "") << "\n";
     out << "records     " << s.records.size() << "\n";
     for (const auto& r : s.records)
-        out << "  " << hexWord(r.number) << "  label " << hexWord(r.label) << "  flags "
+        out << "  " << hexNumber(r.number, 4) << "  label " << hexNumber(r.label, 4) << "  flags "
             << toHex({r.flags}) << "  " << r.content.size() << " bytes\n";
     describeFirstTree(out, s);
     describeSecondTree(out, s);

@@ -1,8 +1,7 @@
 #include "gost/gost_applet.h"
 
+#include "core/random.h"
 #include "core/state_json.h"
-
-#include <openssl/rand.h>
 
 #include <algorithm>
 #include <stdexcept>
@@ -56,20 +55,11 @@ std::optional<Bytes> bodyOf(const Bytes& apdu, Tail tail, bool longLc) {
     return Bytes(from, from + static_cast<std::ptrdiff_t>(lc));
 }
 
-std::uint16_t wordAt(const Bytes& data, std::size_t at) {
-    return static_cast<std::uint16_t>(data[at] << 8 | data[at + 1]);
-}
-
 // Attribute ids travel low byte first in commands.
 std::uint32_t idAt(const Bytes& data, std::size_t at) {
     return static_cast<std::uint32_t>(data[at]) | static_cast<std::uint32_t>(data[at + 1]) << 8 |
            static_cast<std::uint32_t>(data[at + 2]) << 16 |
            static_cast<std::uint32_t>(data[at + 3]) << 24;
-}
-
-void putWord(Bytes& out, std::size_t w) {
-    out.push_back(static_cast<unsigned char>(w >> 8 & 0xFF));
-    out.push_back(static_cast<unsigned char>(w & 0xFF));
 }
 
 void putId(Bytes& out, std::uint32_t id) {
@@ -268,10 +258,11 @@ Bytes GostApplet::random(const Bytes& data) {
     if (data.size() != 2) return respond(kBadParameters);
     const std::size_t n = wordAt(data, 0);
     if (n > kRandomMax) return respond(kBadParameters);
-    Bytes out(n);
-    if (n != 0 && RAND_bytes(out.data(), static_cast<int>(n)) != 1)
+    try {
+        return respond(sw::kOk, randomBytes(n));
+    } catch (const std::runtime_error&) {
         return respond(kNoPreciseDiagnosis);
-    return respond(sw::kOk, out);
+    }
 }
 
 Bytes GostApplet::readLabel(const Bytes& data) {

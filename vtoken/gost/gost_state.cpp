@@ -1,8 +1,8 @@
 #include "gost/gost_state.h"
 
+#include "core/by_id.h"
+#include "core/random.h"
 #include "core/state_json.h"
-
-#include <openssl/rand.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -19,16 +19,6 @@ namespace {
 constexpr std::uint16_t kRoot = 0x3F00;
 // What `show` prints of a long value.
 constexpr std::size_t kShownMax = 16;
-
-std::string hexNumber(unsigned long n, int digits) {
-    char text[16];
-    std::snprintf(text, sizeof text, "%0*lX", digits, n);
-    return text;
-}
-
-Bytes bigWord(std::size_t w) {
-    return Bytes{static_cast<unsigned char>(w >> 8 & 0xFF), static_cast<unsigned char>(w & 0xFF)};
-}
 
 // The path attribute: each identifier low byte first.
 Bytes pathValue(const Path& path) {
@@ -80,7 +70,7 @@ void makeFile(GostState& s, const Personalisation::File& f) {
     }
     set(*s.find(objectHandle), kAttrPath, pathValue(f.path));
     set(*s.find(holderHandle), kAttrValue, std::move(content));
-    set(*s.find(objectHandle), kAttrSize, bigWord(f.content.size()));
+    set(*s.find(objectHandle), kAttrSize, word(f.content.size()));
 }
 
 bool startsWith(const Path& path, const Path& prefix) {
@@ -99,13 +89,6 @@ void checkFiles(const std::vector<Personalisation::File>& files) {
                 throw std::invalid_argument(pathText(f.path) + " and " + pathText(files[j].path) +
                                             ": the same path, or a file under a file");
     }
-}
-
-Bytes randomId() {
-    Bytes id(8);
-    if (RAND_bytes(id.data(), static_cast<int>(id.size())) != 1)
-        throw std::runtime_error("no random bytes from OpenSSL");
-    return id;
 }
 
 Pin pinOf(const std::string& text, const char* what) {
@@ -193,15 +176,9 @@ const Bytes& aid() {
     return kAid;
 }
 
-Attribute* Object::find(std::uint32_t id) {
-    for (auto& a : attributes)
-        if (a.id == id) return &a;
-    return nullptr;
-}
+Attribute* Object::find(std::uint32_t id) { return findById(attributes, id); }
 
-const Attribute* Object::find(std::uint32_t id) const {
-    return const_cast<Object*>(this)->find(id);
-}
+const Attribute* Object::find(std::uint32_t id) const { return findById(attributes, id); }
 
 bool Object::isPrivate() const {
     const Attribute* a = find(kAttrPrivate);
@@ -276,7 +253,7 @@ GostState personalise(const Personalisation& p) {
     s.user = pinOf(p.userPin, "the user PIN");
     s.triesTotal = p.triesTotal;
     s.label.assign(p.label.begin(), p.label.end());
-    s.id = p.id ? *p.id : randomId();
+    s.id = p.id ? *p.id : randomBytes(8);
     s.memory = p.memory;
     s.add(kTypePin);  // administrator
     s.add(kTypePin);  // user

@@ -1,8 +1,10 @@
 #include "idprotect/idprotect_applet.h"
 
 #include "core/apdu.h"
-#include "pro/pro_crypto.h"
+#include "core/random.h"
 #include "core/state_json.h"
+#include "core/tlv.h"
+#include "pro/pro_crypto.h"
 
 #include <algorithm>
 #include <stdexcept>
@@ -95,70 +97,20 @@ std::optional<Apdu> parseApdu(const Bytes& a) {
     return c;
 }
 
-struct Tlv {
-    unsigned char tag;
-    Bytes value;
-};
-
-// One-byte tags, lengths in the short form or 81/82; nothing on any overrun.
-std::optional<std::vector<Tlv>> parseTlvs(const Bytes& data) {
-    std::vector<Tlv> out;
-    std::size_t at = 0;
-    while (at < data.size()) {
-        if (data.size() - at < 2) return std::nullopt;
-        const unsigned char tag = data[at++];
-        std::size_t len = data[at++];
-        if (len == 0x81 || len == 0x82) {
-            const std::size_t bytes = len - 0x80;
-            if (data.size() - at < bytes) return std::nullopt;
-            len = 0;
-            for (std::size_t i = 0; i < bytes; ++i) len = len << 8 | data[at++];
-        } else if (len >= 0x80) {
-            return std::nullopt;
-        }
-        if (data.size() - at < len) return std::nullopt;
-        const auto from = data.begin() + static_cast<std::ptrdiff_t>(at);
-        out.push_back({tag, Bytes(from, from + static_cast<std::ptrdiff_t>(len))});
-        at += len;
-    }
-    return out;
-}
-
-const Bytes* findTag(const std::vector<Tlv>& tlvs, unsigned char tag) {
-    for (const auto& t : tlvs)
-        if (t.tag == tag) return &t.value;
-    return nullptr;
-}
-
-// The value of a template holding exactly one object of `tag`.
-std::optional<std::vector<Tlv>> templateOf(const Bytes& data, unsigned char tag) {
-    const auto outer = parseTlvs(data);
-    if (!outer || outer->size() != 1 || outer->front().tag != tag) return std::nullopt;
-    return parseTlvs(outer->front().value);
+// Lengths from 80 up are 81 n or 82 and two bytes.
+std::optional<Tlvs> parseTlvs(const Bytes& data) {
+    return vtoken::parseTlvs(data, TlvLengths::kBer);
 }
 
 Bytes tlv(unsigned char tag, const Bytes& value) {
-    Bytes out{tag};
-    const std::size_t n = value.size();
-    if (n >= 0x100)
-        out.insert(out.end(), {0x82, static_cast<unsigned char>(n >> 8),
-                               static_cast<unsigned char>(n & 0xFF)});
-    else if (n >= 0x80)
-        out.insert(out.end(), {0x81, static_cast<unsigned char>(n)});
-    else
-        out.push_back(static_cast<unsigned char>(n));
-    append(out, value);
-    return out;
+    return vtoken::tlv(tag, value, TlvLengths::kBer);
 }
 
-Bytes word(std::size_t w) {
-    return Bytes{static_cast<unsigned char>(w >> 8 & 0xFF), static_cast<unsigned char>(w & 0xFF)};
-}
-
-Bytes dword(std::size_t w) {
-    return Bytes{static_cast<unsigned char>(w >> 24 & 0xFF),
-                 static_cast<unsigned char>(w >> 16 & 0xFF),
-                 static_cast<unsigned char>(w >> 8 & 0xFF), static_cast<unsigned char>(w & 0xFF)};
+// The value of a template holding exactly one object of `tag`.
+std::optional<Tlvs> templateOf(const Bytes& data, unsigned char tag) {
+    const auto outer = parseTlvs(data);
+    if (!outer || outer->size() != 1 || outer->front().tag != tag) return std::nullopt;
+    return parseTlvs(outer->front().value);
 }
 
 Bytes padded(const Bytes& name) {

@@ -1,9 +1,10 @@
 #include "idprotect/idprotect_crypto.h"
 
+#include "core/des3.h"
+#include "core/random.h"
 #include "pro/pro_crypto.h"
 
 #include <openssl/evp.h>
-#include <openssl/rand.h>
 
 #include <stdexcept>
 
@@ -11,7 +12,6 @@ namespace vtoken::idprotect {
 
 namespace {
 
-constexpr std::size_t kBlock = 8;
 constexpr std::size_t kExponentSize = 32;
 constexpr std::size_t kWord = 4;
 constexpr std::size_t kMacKeyAt = 24;
@@ -34,32 +34,18 @@ Bytes bytesOf(const BIGNUM* n, std::size_t size) {
     return out;
 }
 
-// Triple DES wants a 24-byte key; a two-key key repeats its first half.
-Bytes threeKeys(const Bytes& key) {
-    Bytes full = key;
-    if (full.size() == 16) full.insert(full.end(), key.begin(), key.begin() + kBlock);
-    return full;
-}
-
 }  // namespace
 
 Bytes sha256(const Bytes& data) { return digest(EVP_sha256(), data); }
-
-Bytes randomBytes(std::size_t n) {
-    Bytes out(n);
-    if (n && RAND_bytes(out.data(), static_cast<int>(n)) != 1)
-        throw std::runtime_error("no random bytes from OpenSSL");
-    return out;
-}
 
 bool answerMatches(const Bytes& pin, const Bytes& challenge, const Bytes& answer) {
     if (challenge.size() != kChallengeSize || answer.size() != kAnswerSize) return false;
     const Bytes hash = digest(EVP_sha1(), pin);
     const Bytes key(hash.begin(), hash.begin() + 16);
     // CBC: the second block is E(first block ^ challenge).
-    Bytes chained(answer.begin(), answer.begin() + kBlock);
-    for (std::size_t i = 0; i < kBlock; ++i) chained[i] ^= challenge[i];
-    return pro::des3Encrypt(key, chained) == Bytes(answer.begin() + kBlock, answer.end());
+    Bytes chained(answer.begin(), answer.begin() + kDesBlock);
+    for (std::size_t i = 0; i < kDesBlock; ++i) chained[i] ^= challenge[i];
+    return pro::des3Encrypt(key, chained) == Bytes(answer.begin() + kDesBlock, answer.end());
 }
 
 KeyExchange::KeyExchange()
@@ -106,10 +92,7 @@ std::optional<SessionKeys> KeyExchange::agree(const Bytes& hostValue, const Byte
 }
 
 Bytes smMac(const Bytes& key, const Bytes& data) {
-    Bytes padded = data;
-    padded.push_back(0x80);
-    while (padded.size() % kBlock != 0) padded.push_back(0x00);
-    return pro::retailMac(threeKeys(key), padded);
+    return pro::retailMac(des3Key(key), pad80(data));
 }
 
 std::optional<Bytes> smDecrypt(const Bytes& key, const Bytes& cipher) {

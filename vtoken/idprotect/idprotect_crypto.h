@@ -15,7 +15,6 @@ constexpr std::size_t kChallengeSize = 8;
 constexpr std::size_t kAnswerSize = 16;
 constexpr std::size_t kSessionKeySize = 16;
 
-Bytes randomBytes(std::size_t n);
 Bytes sha256(const Bytes& data);
 
 // Whether `answer` is triple DES CBC, zero IV, under the first 16 bytes of

@@ -1,9 +1,9 @@
 #include "idprotect/idprotect_state.h"
 
+#include "core/by_id.h"
+#include "core/random.h"
 #include "core/state_json.h"
 #include "idprotect/idprotect_crypto.h"
-
-#include <openssl/rand.h>
 
 #include <algorithm>
 
@@ -17,15 +17,6 @@ namespace vtoken::idprotect {
 using json = nlohmann::ordered_json;
 
 namespace {
-
-// Deeper trees are refused when a state is read back.
-constexpr int kDepthMax = 16;
-
-std::string hexNumber(unsigned long n, int digits) {
-    char text[16];
-    std::snprintf(text, sizeof text, "%0*lX", digits, n);
-    return text;
-}
 
 std::string pathText(const Path& path) {
     std::string text;
@@ -48,13 +39,6 @@ Node dir(std::uint16_t id, Bytes access) {
     return n;
 }
 
-Bytes randomId() {
-    Bytes id(8);
-    if (RAND_bytes(id.data(), static_cast<int>(id.size())) != 1)
-        throw std::runtime_error("no random bytes from OpenSSL");
-    return id;
-}
-
 Bytes pinOf(const std::string& text, const char* what) {
     if (text.size() < kPinMin || text.size() > kPinMax)
         throw std::invalid_argument(std::string(what) + " has 4 to 16 bytes");
@@ -73,49 +57,17 @@ bool knownLoginType(unsigned type) {
            type == kLoginPinAndFinger;
 }
 
-json nodeToJson(const Node& n) {
-    json j = {{"id", hexNumber(n.id, 4)},
-              {"type", n.isDir ? "dir" : "file"},
-              {"access", toHex(n.access)}};
-    if (!n.isDir) {
-        j["content"] = toHex(n.content);
-        return j;
-    }
+// A directory's name, stored after its access bytes when it has one.
+void nameToJson(json& j, const Node& n) {
     if (!n.name.empty()) j["name"] = toHex(n.name);
-    json children = json::array();
-    for (const auto& c : n.children) children.push_back(nodeToJson(c));
-    j["children"] = children;
-    return j;
 }
 
-Node nodeFromJson(const json& j, int depth) {
-    if (!j.is_object()) throw std::invalid_argument("node: not an object");
-    if (depth > kDepthMax) throw std::invalid_argument("tree: too deep");
-    const Bytes id = hexField(j.value("id", json()), "node.id", 2);
-    Node n;
-    n.id = static_cast<std::uint16_t>(id[0] << 8 | id[1]);
-    const std::string where = "node " + hexNumber(n.id, 4);
-    const std::string type = j.value("type", "");
-    if (type != "dir" && type != "file") throw std::invalid_argument(where + ": type dir or file");
-    n.isDir = type == "dir";
-    n.access = hexField(j.value("access", json("")), "node.access");
-    if (!n.isDir) {
-        n.content = hexField(j.value("content", json("")), "node.content");
-        if (n.content.size() > 0x7FFF) throw std::invalid_argument(where + ": above 32767 bytes");
-        return n;
-    }
+void nameFromJson(Node& n, const json& j, const std::string& where) {
     n.name = hexField(j.value("name", json("")), "node.name");
     if (n.name.size() > kDirNameMax) throw std::invalid_argument(where + ": a name of 16 bytes");
-    const json& children = j.value("children", json::array());
-    if (!children.is_array()) throw std::invalid_argument(where + ": children is a list");
-    for (const auto& c : children) {
-        Node child = nodeFromJson(c, depth + 1);
-        if (n.child(child.id))
-            throw std::invalid_argument(where + ": child " + hexNumber(child.id, 4) + " twice");
-        n.children.push_back(std::move(child));
-    }
-    return n;
 }
+
+const TreeLimits kTreeLimits{-1, 0x7FFF};
 
 void describeNode(std::ostringstream& out, const Node& n, const Path& path) {
     out << "  " << pathText(path) << (n.isDir ? "  dir" : "  file ")
@@ -182,30 +134,9 @@ unsigned char Node::condition(std::size_t index) const {
     return 2 * index + 1 < access.size() ? access[2 * index + 1] : kNever;
 }
 
-Node* Node::child(std::uint16_t childId) {
-    for (auto& c : children)
-        if (c.id == childId) return &c;
-    return nullptr;
-}
+Node* IdprotectState::find(const Path& below) { return findNode(root, below); }
 
-std::size_t Node::cost() const {
-    std::size_t total = kNodeCost + content.size();
-    for (const auto& c : children) total += c.cost();
-    return total;
-}
-
-Node* IdprotectState::find(const Path& below) {
-    Node* n = &root;
-    for (std::uint16_t id : below)
-        if (!n->isDir || !(n = n->child(id))) return nullptr;
-    return n;
-}
-
-PinObject* IdprotectState::pin(std::uint16_t pinId) {
-    for (auto& p : pins)
-        if (p.id == pinId) return &p;
-    return nullptr;
-}
+PinObject* IdprotectState::pin(std::uint16_t pinId) { return findById(pins, pinId); }
 
 Bytes Finger::reference() const { return Bytes{0x00, 0x00, 0x00, number}; }
 
@@ -222,10 +153,7 @@ PinObject* IdprotectState::owner(std::uint16_t pinId) {
     return p && p->kind == kKindLogin ? pin(kUserPin) : p;
 }
 
-std::size_t IdprotectState::memoryFree() const {
-    const std::size_t used = root.cost();
-    return used < memory ? memory - used : 0;
-}
+std::size_t IdprotectState::memoryFree() const { return memoryLeft(root, memory); }
 
 Path nameToPath(const Bytes& name) {
     Path path;
@@ -249,7 +177,7 @@ IdprotectState personalise(const Personalisation& p) {
     IdprotectState s;
     s.triesTotal = static_cast<unsigned char>(p.triesTotal);
     s.loginType = static_cast<unsigned char>(p.loginType);
-    s.id = p.id ? *p.id : randomId();
+    s.id = p.id ? *p.id : randomBytes(8);
     s.memory = p.memory;
     s.pins.push_back(
         {kAdminPin, kKindAdmin, pinOf(p.adminPin, "the administrator PIN"), s.triesTotal});
@@ -303,11 +231,15 @@ json toJson(const IdprotectState& s) {
         fingers.push_back({{"number", f.number},
                            {"template", toHex(f.templ)},
                            {"ticket_key", toHex(f.ticketKey)}});
-    return {{"version", toHex(s.version)}, {"id", toHex(s.id)},
-            {"memory", s.memory},          {"pin_tries", s.triesTotal},
-            {"login_type", s.loginType},   {"pins", pins},
-            {"fingers", fingers},          {"finger_tries_left", s.fingerTriesLeft},
-            {"tree", nodeToJson(s.root)}};
+    return {{"version", toHex(s.version)},
+            {"id", toHex(s.id)},
+            {"memory", s.memory},
+            {"pin_tries", s.triesTotal},
+            {"login_type", s.loginType},
+            {"pins", pins},
+            {"fingers", fingers},
+            {"finger_tries_left", s.fingerTriesLeft},
+            {"tree", treeToJson(s.root, nameToJson)}};
 }
 
 IdprotectState fromJson(const json& j) {
@@ -350,7 +282,7 @@ IdprotectState fromJson(const json& j) {
     }
     s.fingerTriesLeft = static_cast<unsigned char>(
         numberField(j, "finger_tries_left", 0, s.triesTotal, s.triesTotal));
-    s.root = nodeFromJson(j.value("tree", json()), 0);
+    s.root = treeFromJson<Node>(j.value("tree", json()), kTreeLimits, nameFromJson);
     if (!s.root.isDir || s.root.id != kMf) throw std::invalid_argument("tree: begins at 3F00");
     return s;
 }

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "core/bytes.h"
+#include "core/tree.h"
 
 #include <nlohmann/json.hpp>
 
@@ -20,8 +21,6 @@ namespace vtoken::idprotect {
 const Bytes& aid();
 // The ATR of an IDProtect token.
 const Bytes& atr();
-
-using Path = std::vector<std::uint16_t>;
 
 constexpr std::uint16_t kMf = 0x3F00;
 // The application's home, where the host keeps its named directories.
@@ -76,23 +75,15 @@ constexpr std::size_t kTemplateMax = 2048;
 constexpr std::size_t kTicketKeySize = 16;
 constexpr std::size_t kReferenceSize = 4;
 
-// Memory a node takes beside a file's content.
-constexpr std::size_t kNodeCost = 32;
 constexpr std::size_t kDirNameMax = 16;
 
-struct Node {
-    bool isDir = false;
-    std::uint16_t id = 0;
-    // The value of tag 86 as created: pairs of 00 and a condition.
-    Bytes access;
-    Bytes name;     // directories: the DF name, up to 16 bytes
-    Bytes content;  // files: fixed at the size created
-    std::vector<Node> children;
+// `access` is the value of tag 86 as created: pairs of 00 and a condition. A
+// file's content is fixed at the size created.
+struct Node : TreeNode<Node> {
+    Bytes name;  // directories: the DF name, up to 16 bytes
 
     // The condition at `index`; never, if the node was created without it.
     unsigned char condition(std::size_t index) const;
-    Node* child(std::uint16_t id);
-    std::size_t cost() const;
 };
 
 struct PinObject {

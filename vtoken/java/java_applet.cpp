@@ -1,6 +1,8 @@
 #include "java/java_applet.h"
 
 #include "core/apdu.h"
+#include "core/random.h"
+#include "core/tlv.h"
 #include "java/java_crypto.h"
 
 #include <algorithm>
@@ -67,69 +69,22 @@ constexpr std::size_t kSmObjectSize = 8;
 // Added by the host to the Le of a wrapped command.
 constexpr std::size_t kSmLeExtra = 0x20;
 
-struct Tlv {
-    unsigned char tag;
-    Bytes value;
-};
-using Tlvs = std::vector<Tlv>;
-
-// One-byte tags; a length of one byte, or FF and two bytes. Nothing on any
-// overrun.
+// Lengths from FF up are FF and two bytes.
 std::optional<Tlvs> parseTlvs(const Bytes& data) {
-    Tlvs out;
-    std::size_t at = 0;
-    while (at < data.size()) {
-        if (data.size() - at < 2) return std::nullopt;
-        const unsigned char tag = data[at++];
-        std::size_t len = data[at++];
-        if (len == 0xFF) {
-            if (data.size() - at < 2) return std::nullopt;
-            len = static_cast<std::size_t>(data[at] << 8 | data[at + 1]);
-            at += 2;
-        }
-        if (data.size() - at < len) return std::nullopt;
-        const auto from = data.begin() + static_cast<std::ptrdiff_t>(at);
-        out.push_back({tag, Bytes(from, from + static_cast<std::ptrdiff_t>(len))});
-        at += len;
-    }
-    return out;
+    return vtoken::parseTlvs(data, TlvLengths::kFfWord);
+}
+
+Bytes tlv(unsigned char tag, const Bytes& value) {
+    return vtoken::tlv(tag, value, TlvLengths::kFfWord);
 }
 
 // The value of `tag` in a body, if the body parses and the value has
 // `size` bytes (any size if 0).
 std::optional<Bytes> field(const Bytes& body, unsigned char tag, std::size_t size = 0) {
     const auto tlvs = parseTlvs(body);
-    if (!tlvs) return std::nullopt;
-    for (const auto& t : *tlvs)
-        if (t.tag == tag) {
-            if (size && t.value.size() != size) return std::nullopt;
-            return t.value;
-        }
-    return std::nullopt;
-}
-
-Bytes tlv(unsigned char tag, const Bytes& value) {
-    Bytes out{tag};
-    const std::size_t n = value.size();
-    if (n >= 0xFF)
-        out.insert(out.end(), {0xFF, static_cast<unsigned char>(n >> 8),
-                               static_cast<unsigned char>(n & 0xFF)});
-    else
-        out.push_back(static_cast<unsigned char>(n));
-    append(out, value);
-    return out;
-}
-
-Bytes word(std::size_t w) {
-    return Bytes{static_cast<unsigned char>(w >> 8 & 0xFF), static_cast<unsigned char>(w & 0xFF)};
-}
-
-std::uint16_t wordOf(const Bytes& b) { return static_cast<std::uint16_t>(b[0] << 8 | b[1]); }
-
-Bytes dword(std::size_t w) {
-    return Bytes{static_cast<unsigned char>(w >> 24 & 0xFF),
-                 static_cast<unsigned char>(w >> 16 & 0xFF),
-                 static_cast<unsigned char>(w >> 8 & 0xFF), static_cast<unsigned char>(w & 0xFF)};
+    const Bytes* value = tlvs ? findTag(*tlvs, tag) : nullptr;
+    if (!value || (size && value->size() != size)) return std::nullopt;
+    return *value;
 }
 
 bool validId(std::uint16_t id) { return id != 0x0000 && id != kMf && id != 0xFFFF; }
@@ -222,7 +177,7 @@ Bytes JavaApplet::unwrap(const Bytes& a) {
     const bool extended = a[4] == 0;
     const std::size_t start = extended ? 7 : 5;
     if (a.size() < start + 2) return respond(sw::kWrongLength);
-    const std::size_t lc = extended ? wordOf({a[5], a[6]}) : a[4];
+    const std::size_t lc = extended ? wordAt(a, 5) : a[4];
     if (a.size() != start + lc + 2) return respond(sw::kWrongLength);
     const auto bodyEnd = a.begin() + static_cast<std::ptrdiff_t>(start + lc);
     const auto objects = parseTlvs(Bytes(a.begin() + static_cast<std::ptrdiff_t>(start), bodyEnd));
@@ -254,7 +209,7 @@ Bytes JavaApplet::unwrap(const Bytes& a) {
                   a[3],
                   std::move(*plain),
                   std::nullopt};
-    const std::size_t le = wordOf({a[a.size() - 2], a.back()});
+    const std::size_t le = wordAt(a, a.size() - 2);
     if (le > kSmLeExtra) inner.le = le - kSmLeExtra;
     wrapped_ = true;
     Bytes answer = run(inner);
@@ -289,8 +244,7 @@ Bytes JavaApplet::selectNode(const Command& c) {
     if (c.data.size() % 2 || (c.p1 == kSelectMf && !c.data.empty()))
         return respond(sw::kWrongLength);
     Path path;
-    for (std::size_t at = 0; at < c.data.size(); at += 2)
-        path.push_back(wordOf({c.data[at], c.data[at + 1]}));
+    for (std::size_t at = 0; at < c.data.size(); at += 2) path.push_back(wordAt(c.data, at));
     const Node* n = state_.find(path);
     if (!n) return respond(kNotFound);
     session_.current = path;
@@ -304,13 +258,13 @@ Bytes JavaApplet::createNode(const Command& c) {
     const auto size = field(c.data, kTagSize, 2);
     const auto access = field(c.data, kTagAccess, kAccessSize);
     if (!type || !id || !size || !access || ((*type)[0] != kTypeDir && (*type)[0] != kTypeFile) ||
-        !validId(wordOf(*id)))
+        !validId(wordAt(*id, 0)))
         return respond(kBadParameters);
     Node n;
     n.isDir = (*type)[0] == kTypeDir;
-    n.id = wordOf(*id);
+    n.id = wordAt(*id, 0);
     n.access = *access;
-    if (!n.isDir) n.content.assign(wordOf(*size), 0x00);
+    if (!n.isDir) n.content.assign(wordAt(*size, 0), 0x00);
 
     Node& parent = *currentNode();
     if (!parent.isDir) return respond(kWrongKind);
@@ -327,7 +281,7 @@ Bytes JavaApplet::deleteNode(const Command& c) {
     if (c.data.size() != 2) return respond(sw::kWrongLength);
     Node& parent = *currentNode();
     if (!parent.isDir) return respond(kWrongKind);
-    const std::uint16_t id = wordOf(c.data);
+    const std::uint16_t id = wordAt(c.data, 0);
     const Node* n = parent.child(id);
     if (!n) return respond(kNotFound);
     if (!allowed(parent, kInside) || (!n->isDir && !allowed(*n, kWrite)))
@@ -350,7 +304,7 @@ Bytes JavaApplet::listNodes(const Command& c) {
     std::vector<std::uint16_t> ids;
     for (const auto& child : dir.children)
         if (child.isDir == (c.p1 == kListDirs)) ids.push_back(child.id);
-    const std::size_t first = std::min<std::size_t>(wordOf(*from), ids.size());
+    const std::size_t first = std::min<std::size_t>(wordAt(*from, 0), ids.size());
     const std::size_t end = std::min(first + kListPage, ids.size());
     Bytes page;
     for (std::size_t i = first; i < end; ++i) append(page, word(ids[i]));
@@ -367,7 +321,7 @@ Bytes JavaApplet::readFile(const Command& c) {
     const Node& n = *currentNode();
     if (n.isDir) return respond(kWrongKind);
     if (!allowed(n, kRead)) return respond(kAccessRefused);
-    const std::size_t from = wordOf(*offset);
+    const std::size_t from = wordAt(*offset, 0);
     if (from + *c.le > n.content.size()) return respond(kBadParameters);
     const auto begin = n.content.begin() + static_cast<std::ptrdiff_t>(from);
     return respond(sw::kOk, Bytes(begin, begin + static_cast<std::ptrdiff_t>(*c.le)));
@@ -381,7 +335,7 @@ Bytes JavaApplet::writeFile(const Command& c) {
     Node& n = *currentNode();
     if (n.isDir) return respond(kWrongKind);
     if (!allowed(n, kWrite)) return respond(kAccessRefused);
-    const std::size_t from = wordOf(*offset);
+    const std::size_t from = wordAt(*offset, 0);
     if (from + data->size() > n.content.size()) return respond(kBadParameters);
     std::copy(data->begin(), data->end(), n.content.begin() + static_cast<std::ptrdiff_t>(from));
     markChanged();
@@ -396,7 +350,7 @@ Bytes JavaApplet::setSize(const Command& c) {
     Node& n = *currentNode();
     if (n.isDir) return respond(kWrongKind);
     if (!allowed(n, kWrite)) return respond(kAccessRefused);
-    const std::size_t newSize = wordOf(*size);
+    const std::size_t newSize = wordAt(*size, 0);
     if (newSize > n.content.size() && newSize - n.content.size() > state_.memoryFree())
         return respond(kNoRoom);
     n.content.resize(newSize, 0x00);

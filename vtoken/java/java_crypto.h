@@ -11,8 +11,6 @@ namespace vtoken::java {
 
 constexpr std::size_t kBlock = 8;
 
-Bytes randomBytes(std::size_t n);
-
 // Key `number` (0 to 4) of a PIN: PKCS#12 with SHA-1, 999 rounds, the key
 // number as diversifier, salted by the salt file.
 Bytes pinKey(unsigned char number, const std::string& pin, const Bytes& salt);

@@ -1,5 +1,7 @@
 #include "java/java_state.h"
 
+#include "core/by_id.h"
+#include "core/random.h"
 #include "core/state_json.h"
 #include "java/java_crypto.h"
 
@@ -14,17 +16,9 @@ using json = nlohmann::ordered_json;
 
 namespace {
 
-// Deeper trees are refused when a state is read back.
-constexpr int kDepthMax = 16;
 constexpr std::size_t kValueMax = 32;
 constexpr std::size_t kMarkerSize = 16;
 constexpr std::size_t kPinMax = 32;
-
-std::string hexNumber(unsigned long n, int digits) {
-    char text[16];
-    std::snprintf(text, sizeof text, "%0*lX", digits, n);
-    return text;
-}
 
 Node dir(std::uint16_t id, unsigned char inside) {
     Node n;
@@ -67,52 +61,16 @@ PinObject keyed(unsigned char id, unsigned triesTotal, const Bytes& slot0, const
     return p;
 }
 
-json nodeToJson(const Node& n) {
-    json j = {{"id", hexNumber(n.id, 4)},
-              {"type", n.isDir ? "dir" : "file"},
-              {"access", toHex(n.access)}};
-    if (!n.isDir) {
-        j["content"] = toHex(n.content);
-        return j;
-    }
-    json children = json::array();
-    for (const auto& c : n.children) children.push_back(nodeToJson(c));
-    j["children"] = children;
-    return j;
-}
-
-Node nodeFromJson(const json& j, int depth) {
-    if (!j.is_object()) throw std::invalid_argument("node: not an object");
-    if (depth > kDepthMax) throw std::invalid_argument("tree: too deep");
-    const Bytes id = hexField(j.value("id", json()), "node.id", 2);
-    Node n;
-    n.id = static_cast<std::uint16_t>(id[0] << 8 | id[1]);
-    const std::string where = "node " + hexNumber(n.id, 4);
-    const std::string type = j.value("type", "");
-    if (type != "dir" && type != "file") throw std::invalid_argument(where + ": type dir or file");
-    n.isDir = type == "dir";
-    n.access = hexField(j.value("access", json()), "node.access", kAccessSize);
-    if (!n.isDir) {
-        n.content = hexField(j.value("content", json("")), "node.content");
-        if (n.content.size() > 0xFFFF) throw std::invalid_argument(where + ": above 65535 bytes");
-        return n;
-    }
-    const json& children = j.value("children", json::array());
-    if (!children.is_array()) throw std::invalid_argument(where + ": children is a list");
-    for (const auto& c : children) {
-        Node child = nodeFromJson(c, depth + 1);
-        if (n.child(child.id))
-            throw std::invalid_argument(where + ": child " + hexNumber(child.id, 4) + " twice");
-        n.children.push_back(std::move(child));
-    }
-    return n;
-}
-
 void describeNode(std::ostringstream& out, const Node& n, const std::string& path) {
     out << "  " << path << (n.isDir ? "  dir" : "  file " + std::to_string(n.content.size()))
         << (n.isDir ? "" : " bytes") << "  access " << toHex(n.access) << "\n";
     for (const auto& c : n.children) describeNode(out, c, path + "/" + hexNumber(c.id, 4));
 }
+
+// A directory stores nothing of its own.
+constexpr auto noDirFields = [](auto&&...) {};
+
+const TreeLimits kTreeLimits{static_cast<int>(kAccessSize), 0xFFFF};
 
 const char* pinRole(unsigned char id) {
     switch (id) {
@@ -129,35 +87,11 @@ const char* pinRole(unsigned char id) {
 
 }  // namespace
 
-Node* Node::child(std::uint16_t childId) {
-    for (auto& c : children)
-        if (c.id == childId) return &c;
-    return nullptr;
-}
+Node* JavaState::find(const Path& below) { return findNode(root, below); }
 
-std::size_t Node::cost() const {
-    std::size_t total = kNodeCost + content.size();
-    for (const auto& c : children) total += c.cost();
-    return total;
-}
+PinObject* JavaState::pin(unsigned char pinId) { return findById(pins, pinId); }
 
-Node* JavaState::find(const Path& below) {
-    Node* n = &root;
-    for (std::uint16_t id : below)
-        if (!n->isDir || !(n = n->child(id))) return nullptr;
-    return n;
-}
-
-PinObject* JavaState::pin(unsigned char pinId) {
-    for (auto& p : pins)
-        if (p.id == pinId) return &p;
-    return nullptr;
-}
-
-std::size_t JavaState::memoryFree() const {
-    const std::size_t used = root.cost();
-    return used < memory ? memory - used : 0;
-}
+std::size_t JavaState::memoryFree() const { return memoryLeft(root, memory); }
 
 JavaState personalise(const Personalisation& p) {
     if (p.triesTotal < 1 || p.triesTotal > kTriesMax)
@@ -220,7 +154,7 @@ json toJson(const JavaState& s) {
               {"colour", s.info.colour},
               {"version", toHex(s.info.version)}}},
             {"pins", pins},
-            {"tree", nodeToJson(s.root)}};
+            {"tree", treeToJson(s.root, noDirFields)}};
 }
 
 JavaState fromJson(const json& j) {
@@ -260,7 +194,7 @@ JavaState fromJson(const json& j) {
     }
     if (!s.pin(kUserPin) || !s.pin(kAdminPin))
         throw std::invalid_argument("pins: the user PIN 11 and the administrator PIN 21");
-    s.root = nodeFromJson(j.value("tree", json()), 0);
+    s.root = treeFromJson<Node>(j.value("tree", json()), kTreeLimits, noDirFields);
     if (!s.root.isDir || s.root.id != kMf) throw std::invalid_argument("tree: begins at 3F00");
     return s;
 }

@@ -6,6 +6,7 @@
 #pragma once
 
 #include "core/bytes.h"
+#include "core/tree.h"
 
 #include <nlohmann/json.hpp>
 
@@ -17,8 +18,6 @@
 #include <vector>
 
 namespace vtoken::java {
-
-using Path = std::vector<std::uint16_t>;
 
 constexpr std::uint16_t kMf = 0x3F00;
 constexpr std::uint16_t kApplicationDir = 0x6666;
@@ -45,18 +44,8 @@ constexpr std::size_t kAccessSize = 5;
 constexpr unsigned char kFree = 0x00;
 enum AccessIndex : std::size_t { kRead = 0, kWrite = 1, kInside = 0 };
 
-// Memory a node takes beside a file's content.
-constexpr std::size_t kNodeCost = 32;
-
-struct Node {
-    bool isDir = false;
-    std::uint16_t id = 0;
-    Bytes access = Bytes(kAccessSize, kFree);
-    Bytes content;               // files only
-    std::vector<Node> children;  // in creation order
-
-    Node* child(std::uint16_t id);
-    std::size_t cost() const;
+struct Node : TreeNode<Node> {
+    Node() { access = Bytes(kAccessSize, kFree); }
 };
 
 struct PinObject {

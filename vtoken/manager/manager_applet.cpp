@@ -1,9 +1,8 @@
 #include "manager/manager_applet.h"
 
 #include "core/apdu.h"
+#include "core/random.h"
 #include "core/state_json.h"
-
-#include <openssl/rand.h>
 
 #include <iomanip>
 #include <sstream>
@@ -148,9 +147,7 @@ std::unique_ptr<javacard::Applet> install(javacard::InitOptions& options) {
     if (auto v = options.take("--manager-id")) {
         s.id = fromHex(*v);
     } else {
-        s.id.resize(kIdDefaultSize);
-        if (RAND_bytes(s.id.data(), static_cast<int>(s.id.size())) != 1)
-            throw std::runtime_error("no random bytes from OpenSSL");
+        s.id = randomBytes(kIdDefaultSize);
     }
     s.cplc = defaultCplc();
     check(s);

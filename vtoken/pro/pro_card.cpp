@@ -1,6 +1,7 @@
 #include "pro/pro_card.h"
 
-#include <openssl/rand.h>
+#include "core/random.h"
+#include "core/tlv.h"
 
 #include <algorithm>
 #include <stdexcept>
@@ -78,17 +79,9 @@ void appendTlv(Bytes& out, unsigned char tag, const Bytes& value) {
     out.insert(out.end(), value.begin(), value.end());
 }
 
-Bytes word(std::size_t w) {
-    return {static_cast<unsigned char>(w >> 8 & 0xFF), static_cast<unsigned char>(w & 0xFF)};
-}
-
 // The tags of a create template, one level. Nothing on a malformed one.
-struct Tlv {
-    unsigned char tag;
-    Bytes value;
-};
-std::optional<std::vector<Tlv>> parseTlvs(const Bytes& data) {
-    std::vector<Tlv> out;
+std::optional<Tlvs> parseTlvs(const Bytes& data) {
+    Tlvs out;
     std::size_t i = 0;
     while (i < data.size()) {
         unsigned char tag = data[i++];
@@ -105,12 +98,6 @@ std::optional<std::vector<Tlv>> parseTlvs(const Bytes& data) {
         i += length;
     }
     return out;
-}
-
-const Bytes* findTag(const std::vector<Tlv>& tlvs, unsigned char tag) {
-    for (const auto& t : tlvs)
-        if (t.tag == tag) return &t.value;
-    return nullptr;
 }
 
 bool reservedId(std::uint16_t id) {
@@ -465,9 +452,7 @@ Bytes ProCard::getData(const Command& c) {
 Bytes ProCard::getChallenge(const Command& c) {
     if (c.p1p2() != 0) return respond(sw::kWrongP1P2);
     if (!c.data.empty() || !c.le) return respond(sw::kWrongLength);
-    Bytes random(*c.le);
-    if (RAND_bytes(random.data(), static_cast<int>(random.size())) != 1)
-        throw std::runtime_error("no random bytes from OpenSSL");
+    const Bytes random = randomBytes(*c.le);
     session_.challenge = random;
     return respond(sw::kOk, random);
 }

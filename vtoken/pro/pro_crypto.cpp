@@ -1,10 +1,11 @@
 #include "pro/pro_crypto.h"
 
+#include "core/des3.h"
+
 #include <openssl/evp.h>
 #include <openssl/md5.h>
 #include <openssl/pkcs12.h>
 
-#include <memory>
 #include <stdexcept>
 
 namespace vtoken::pro {
@@ -12,28 +13,6 @@ namespace vtoken::pro {
 namespace {
 
 constexpr int kPkcs12Rounds = 999;
-
-using CipherCtx = std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)>;
-
-// Triple DES without padding: the callers pad themselves.
-Bytes des3(const EVP_CIPHER* cipher, bool encrypt, const Bytes& key, const Bytes& data) {
-    if (data.size() % kBlock != 0) throw std::invalid_argument("triple DES: partial block");
-    Bytes full = key;
-    if (full.size() == 16) full.insert(full.end(), key.begin(), key.begin() + 8);
-    if (full.size() != 24) throw std::invalid_argument("triple DES: key of 16 or 24 bytes");
-    CipherCtx ctx(EVP_CIPHER_CTX_new(), EVP_CIPHER_CTX_free);
-    const unsigned char iv[kBlock] = {};
-    Bytes out(data.size() + kBlock);
-    int n = 0, last = 0;
-    if (!ctx || EVP_CipherInit_ex(ctx.get(), cipher, nullptr, full.data(), iv, encrypt) != 1 ||
-        EVP_CIPHER_CTX_set_padding(ctx.get(), 0) != 1 ||
-        EVP_CipherUpdate(ctx.get(), out.data(), &n, data.data(), static_cast<int>(data.size())) !=
-            1 ||
-        EVP_CipherFinal_ex(ctx.get(), out.data() + n, &last) != 1)
-        throw std::runtime_error("triple DES failed in OpenSSL");
-    out.resize(static_cast<std::size_t>(n + last));
-    return out;
-}
 
 Bytes md5(unsigned char counter, const std::string& pin) {
     Bytes in{counter};
@@ -73,7 +52,7 @@ Bytes saltedKey(unsigned char id, const std::string& pin, const Bytes& salt) {
 }
 
 Bytes des3Encrypt(const Bytes& key, const Bytes& block) {
-    return des3(EVP_des_ede3_ecb(), true, key, block);
+    return des3(Des3Mode::kEcb, true, key, {}, block);
 }
 
 Bytes retailMac(const Bytes& key, const Bytes& aligned) {
@@ -83,13 +62,12 @@ Bytes retailMac(const Bytes& key, const Bytes& aligned) {
     // times; the last block then takes the whole key, which is the MAC's
     // final decrypt and encrypt.
     const Bytes k1(key.begin(), key.begin() + kBlock);
-    Bytes single = k1;
-    single.insert(single.end(), k1.begin(), k1.end());
-    single.insert(single.end(), k1.begin(), k1.end());
+    Bytes single;
+    for (int i = 0; i < 3; ++i) append(single, k1);
     Bytes chain(kBlock, 0x00);
     const Bytes head(aligned.begin(), aligned.end() - kBlock);
     if (!head.empty()) {
-        const Bytes c = des3(EVP_des_ede3_cbc(), true, single, head);
+        const Bytes c = des3(Des3Mode::kCbc, true, single, chain, head);
         chain.assign(c.end() - kBlock, c.end());
     }
     Bytes last(aligned.end() - kBlock, aligned.end());
@@ -98,21 +76,11 @@ Bytes retailMac(const Bytes& key, const Bytes& aligned) {
 }
 
 Bytes cbcEncrypt(const Bytes& key, const Bytes& data) {
-    Bytes padded = data;
-    padded.push_back(0x80);
-    while (padded.size() % kBlock != 0) padded.push_back(0x00);
-    return des3(EVP_des_ede3_cbc(), true, key, padded);
+    return des3CbcPadded(key, Bytes(kBlock, 0x00), data);
 }
 
 std::optional<Bytes> cbcDecrypt(const Bytes& key, const Bytes& cipher) {
-    if (cipher.empty() || cipher.size() % kBlock != 0) return std::nullopt;
-    Bytes plain = des3(EVP_des_ede3_cbc(), false, key, cipher);
-    const std::size_t size = plain.size();
-    while (!plain.empty() && plain.back() == 0x00) plain.pop_back();
-    // The padding lies in the last block.
-    if (plain.empty() || plain.back() != 0x80 || size - plain.size() >= kBlock) return std::nullopt;
-    plain.pop_back();
-    return plain;
+    return des3CbcUnpadded(key, Bytes(kBlock, 0x00), cipher);
 }
 
 void padZeros(Bytes& m) { m.insert(m.end(), kBlock - m.size() % kBlock, 0x00); }

@@ -1,9 +1,9 @@
 #include "pro/pro_state.h"
 
+#include "core/by_id.h"
+#include "core/random.h"
 #include "core/state_json.h"
 #include "pro/pro_crypto.h"
-
-#include <openssl/rand.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -53,13 +53,6 @@ constexpr unsigned char kTries = 15;
 constexpr std::size_t kLabelSize = 32;
 constexpr std::size_t kFipsCounterSize = 43;  // salt, then the user counter at 41
 constexpr std::size_t kFipsUserCounter = 41;
-
-Bytes randomBytes(std::size_t n) {
-    Bytes out(n);
-    if (n > 0 && RAND_bytes(out.data(), static_cast<int>(n)) != 1)
-        throw std::runtime_error("no random bytes from OpenSSL");
-    return out;
-}
 
 Bytes rights(unsigned char first, unsigned char second, unsigned char third, unsigned char rest,
              std::size_t count) {
@@ -115,15 +108,9 @@ Bytes legacyLabel(const std::string& utf8) {
     return out;
 }
 
-std::string hexWord(std::uint16_t id) {
-    char text[8];
-    std::snprintf(text, sizeof text, "%04X", id);
-    return text;
-}
-
 json nodeToJson(const Node& n) {
     json out = {
-        {"id", hexWord(n.id)}, {"type", n.dir ? "dir" : "file"}, {"access", toHex(n.access)}};
+        {"id", hexNumber(n.id, 4)}, {"type", n.dir ? "dir" : "file"}, {"access", toHex(n.access)}};
     if (n.dir) {
         if (!n.pins.empty()) {
             json pins = json::array();
@@ -167,7 +154,7 @@ Node nodeFromJson(const json& j, int depth, Path& at, std::vector<LegacyPin>& le
     n.id = static_cast<std::uint16_t>(id[0] << 8 | id[1]);
     const std::string type = j.value("type", "");
     if (type != "dir" && type != "file")
-        throw std::invalid_argument("node " + hexWord(n.id) + ": type is dir or file");
+        throw std::invalid_argument("node " + hexNumber(n.id, 4) + ": type is dir or file");
     n.dir = type == "dir";
     n.access = hexField(j.value("access", json()), "node.access");
     if (n.dir) {
@@ -196,14 +183,14 @@ Node nodeFromJson(const json& j, int depth, Path& at, std::vector<LegacyPin>& le
             Node child = nodeFromJson(c, depth + 1, at, legacy);
             at.pop_back();
             if (n.child(child.id))
-                throw std::invalid_argument("node " + hexWord(n.id) + ": two children " +
-                                            hexWord(child.id));
+                throw std::invalid_argument("node " + hexNumber(n.id, 4) + ": two children " +
+                                            hexNumber(child.id, 4));
             n.children.push_back(std::move(child));
         }
     } else {
         n.data = hexField(j.value("data", json("")), "node.data");
         if (n.data.size() > 0xFFFF)
-            throw std::invalid_argument("node " + hexWord(n.id) + ": above 65535 bytes");
+            throw std::invalid_argument("node " + hexNumber(n.id, 4) + ": above 65535 bytes");
     }
     return n;
 }
@@ -215,7 +202,7 @@ std::size_t used(const Node& n) {
 }
 
 void describeNode(std::ostringstream& out, const Node& n, const std::string& indent) {
-    out << indent << hexWord(n.id);
+    out << indent << hexNumber(n.id, 4);
     if (n.dir) {
         out << "/  dir   create " << toHex({n.right(right::kCreate)}) << "  delete "
             << toHex({n.right(right::kDeleteDir)});
@@ -246,21 +233,11 @@ std::optional<Model> modelByName(std::string_view name) {
     return std::nullopt;
 }
 
-Node* Node::child(std::uint16_t childId) {
-    for (auto& c : children)
-        if (c.id == childId) return &c;
-    return nullptr;
-}
+Node* Node::child(std::uint16_t childId) { return findById(children, childId); }
 
-const Node* Node::child(std::uint16_t childId) const {
-    return const_cast<Node*>(this)->child(childId);
-}
+const Node* Node::child(std::uint16_t childId) const { return findById(children, childId); }
 
-PinObject* Node::pin(unsigned char pinId) {
-    for (auto& p : pins)
-        if (p.id == pinId) return &p;
-    return nullptr;
-}
+PinObject* Node::pin(unsigned char pinId) { return findById(pins, pinId); }
 
 const PinObject* Node::pin(unsigned char pinId) const {
     return const_cast<Node*>(this)->pin(pinId);

@@ -43,12 +43,12 @@ Bytes answer(std::uint16_t status, Bytes data = {}) {
     return data;
 }
 
-void putWord(Bytes& out, std::size_t w) {
+void putLittleWord(Bytes& out, std::size_t w) {
     out.push_back(static_cast<unsigned char>(w & 0xFF));
     out.push_back(static_cast<unsigned char>(w >> 8 & 0xFF));
 }
 
-std::uint16_t wordAt(const Bytes& data, std::size_t at) {
+std::uint16_t littleWordAt(const Bytes& data, std::size_t at) {
     return static_cast<std::uint16_t>(data[at] | data[at + 1] << 8);
 }
 
@@ -115,7 +115,7 @@ Bytes R2Card::select(const Command& c) {
         return answer(sw::kWrongLength);
     if (d[0] != 0x00) return answer(sw::kWrongData);
     Path path;
-    for (std::size_t at = 2; at < d.size(); at += 2) path.push_back(wordAt(d, at));
+    for (std::size_t at = 2; at < d.size(); at += 2) path.push_back(littleWordAt(d, at));
     if (path.empty() || path.front() != kRoot) return answer(kNotFound);
     path.erase(path.begin());
     const Node* node = state_.find(path);
@@ -123,11 +123,11 @@ Bytes R2Card::select(const Command& c) {
     session_.selected = path;
 
     Bytes out;
-    putWord(out, node->id);
+    putLittleWord(out, node->id);
     out.push_back(typeOf(*node));
     out.push_back(node->isPrivate ? 1 : 0);
-    putWord(out, node->data.size());
-    putWord(out, 0);
+    putLittleWord(out, node->data.size());
+    putLittleWord(out, 0);
     return answer(sw::kOk, out);
 }
 
@@ -139,12 +139,13 @@ Bytes R2Card::create(const Command& c) {
     if (!session_.verified) return answer(sw::kSecurityNotSatisfied);
     Node& parent = selected();
     if (!parent.dir) return answer(kRefused);
-    const std::uint16_t id = wordAt(c.data, 4);
+    const std::uint16_t id = littleWordAt(c.data, 4);
     if (reservedId(id)) return answer(sw::kWrongData);
     if (parent.child(id)) return answer(kExists);
 
-    Node node = type == kTypeDir ? Node::directory(id)
-                                 : Node::file(id, c.data[1] != 0, Bytes(wordAt(c.data, 2), 0x00));
+    Node node = type == kTypeDir
+                    ? Node::directory(id)
+                    : Node::file(id, c.data[1] != 0, Bytes(littleWordAt(c.data, 2), 0x00));
     if (node.cost() > state_.memoryFree || parent.children.size() >= kChildrenMax)
         return answer(sw::kNoRoom);
     state_.memoryFree = static_cast<std::uint16_t>(state_.memoryFree - node.cost());
@@ -184,9 +185,9 @@ Bytes R2Card::list(const Command& c) {
 
     Bytes ids;
     for (const auto& child : dir.children)
-        if (typeOf(child) == type) putWord(ids, child.id);
+        if (typeOf(child) == type) putLittleWord(ids, child.id);
     Bytes out;
-    putWord(out, ids.size() / 2);
+    putLittleWord(out, ids.size() / 2);
     append(out, ids);
     return answer(sw::kOk, out);
 }
@@ -194,8 +195,8 @@ Bytes R2Card::list(const Command& c) {
 Bytes R2Card::read(const Command& c) {
     // Offset and length.
     if (!c.le || c.data.size() != 4) return answer(sw::kWrongLength);
-    const std::size_t offset = wordAt(c.data, 0);
-    const std::size_t length = wordAt(c.data, 2);
+    const std::size_t offset = littleWordAt(c.data, 0);
+    const std::size_t length = littleWordAt(c.data, 2);
     if (length > kReadMax) return answer(sw::kWrongLength);
     const Node& file = selected();
     if (file.dir) return answer(kRefused);
@@ -207,9 +208,9 @@ Bytes R2Card::read(const Command& c) {
 
 Bytes R2Card::write(const Command& c) {
     // Offset, length, then that many bytes.
-    if (c.data.size() < 4 || c.data.size() != 4 + std::size_t{wordAt(c.data, 2)})
+    if (c.data.size() < 4 || c.data.size() != 4 + std::size_t{littleWordAt(c.data, 2)})
         return answer(sw::kWrongLength);
-    const std::size_t offset = wordAt(c.data, 0);
+    const std::size_t offset = littleWordAt(c.data, 0);
     Node& file = selected();
     if (file.dir) return answer(kRefused);
     if (!session_.verified) return answer(sw::kSecurityNotSatisfied);

@@ -1,8 +1,8 @@
 #include "r2/r2_state.h"
 
+#include "core/by_id.h"
+#include "core/random.h"
 #include "core/state_json.h"
-
-#include <openssl/rand.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -23,12 +23,6 @@ void littleWord(Bytes& out, std::uint16_t w) {
     out.push_back(static_cast<unsigned char>(w >> 8));
 }
 
-std::string hexWord(std::uint16_t id) {
-    char text[8];
-    std::snprintf(text, sizeof text, "%04X", id);
-    return text;
-}
-
 std::size_t treeCost(const Node& n) {
     std::size_t total = 0;
     for (const auto& c : n.children) total += c.cost() + treeCost(c);
@@ -36,7 +30,7 @@ std::size_t treeCost(const Node& n) {
 }
 
 json nodeToJson(const Node& n) {
-    json out = {{"id", hexWord(n.id)}, {"type", n.dir ? "dir" : "file"}};
+    json out = {{"id", hexNumber(n.id, 4)}, {"type", n.dir ? "dir" : "file"}};
     if (n.dir) {
         json children = json::array();
         for (const auto& c : n.children) children.push_back(nodeToJson(c));
@@ -54,7 +48,7 @@ Node nodeFromJson(const json& j, int depth) {
     const Bytes id = hexField(j.value("id", json()), "node.id", 2);
     Node n;
     n.id = static_cast<std::uint16_t>(id[0] << 8 | id[1]);
-    const std::string name = "node " + hexWord(n.id);
+    const std::string name = "node " + hexNumber(n.id, 4);
     const std::string type = j.value("type", "");
     if (type != "dir" && type != "file")
         throw std::invalid_argument(name + ": type is dir or file");
@@ -63,9 +57,9 @@ Node nodeFromJson(const json& j, int depth) {
         for (const auto& c : j.value("children", json::array())) {
             Node child = nodeFromJson(c, depth + 1);
             if (child.id == kRoot || child.id == 0x0000 || child.id == 0xFFFF)
-                throw std::invalid_argument(name + ": a child cannot be " + hexWord(child.id));
+                throw std::invalid_argument(name + ": a child cannot be " + hexNumber(child.id, 4));
             if (n.child(child.id))
-                throw std::invalid_argument(name + ": two children " + hexWord(child.id));
+                throw std::invalid_argument(name + ": two children " + hexNumber(child.id, 4));
             n.children.push_back(std::move(child));
         }
     } else {
@@ -91,7 +85,7 @@ UserPin pinFromJson(const json& j) {
 }
 
 void describeNode(std::ostringstream& out, const Node& n, const std::string& indent) {
-    out << indent << hexWord(n.id);
+    out << indent << hexNumber(n.id, 4);
     if (n.dir) {
         out << "/  dir\n";
     } else {
@@ -128,15 +122,9 @@ Node Node::file(std::uint16_t id, bool isPrivate, Bytes data) {
     return n;
 }
 
-Node* Node::child(std::uint16_t childId) {
-    for (auto& c : children)
-        if (c.id == childId) return &c;
-    return nullptr;
-}
+Node* Node::child(std::uint16_t childId) { return findById(children, childId); }
 
-const Node* Node::child(std::uint16_t childId) const {
-    return const_cast<Node*>(this)->child(childId);
-}
+const Node* Node::child(std::uint16_t childId) const { return findById(children, childId); }
 
 Bytes R2State::configBlock() const {
     Bytes block = id;
@@ -174,11 +162,7 @@ R2State personalise(const Personalisation& p) {
     s.pin.tries = s.pin.maxTries = p.maxTries;
     s.colour = p.colour;
     s.memoryTotal = p.memoryTotal;
-    if (p.id) {
-        s.id = *p.id;
-    } else if (RAND_bytes(s.id.data(), static_cast<int>(s.id.size())) != 1) {
-        throw std::runtime_error("no random bytes from OpenSSL");
-    }
+    s.id = p.id ? *p.id : randomBytes(s.id.size());
     if (p.label) {
         if (p.label->size() > kLabelMax)
             throw std::invalid_argument("a label has at most 32 bytes");
