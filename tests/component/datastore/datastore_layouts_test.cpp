@@ -1,32 +1,21 @@
 // Both DataStore tree layouts through libapdu against the virtual card: the
 // label layout kept by a new driver object, the two layouts blind to each
 // other, and what a power cut between record and table leaves behind.
+#include "component/vtoken/card_script.h"
 #include "core/card_sender.h"
 #include "datastore/datastore_card.h"
 #include "javacard/javacard.h"
-#include "libapdu/exception.h"
 #include "libapdu/token.h"
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <memory>
 
+namespace krfs::component {
 namespace {
 
 using libapdu::CFileInfo;
 using vtoken::datastore::DataStoreApplet;
-
-long codeOf(const std::function<void()>& f) {
-    try {
-        f();
-    } catch (const libapdu::IException& e) {
-        return e.code();
-    } catch (const CAException& e) {
-        return e.Code();
-    }
-    return 0;
-}
 
 struct Card {
     Card() {
@@ -106,3 +95,4 @@ TEST(DataStoreLayouts, PowerCutBetweenRecordAndTableLeavesAnUnlistedRecord) {
 }
 
 }  // namespace
+}  // namespace krfs::component
