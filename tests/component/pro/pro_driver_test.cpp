@@ -109,14 +109,10 @@ TEST_P(ProDrivers, InitAndInformation) {
 TEST_P(ProDrivers, TreeUnderTheCardsAccessRules) {
     const unsigned char pin =
         t.card.state().fips ? vtoken::pro::kFipsUserPin : vtoken::pro::kUserPin;
-    // Nothing verified: the home directory takes no node, the label no text,
-    // and the marker can never be deleted.
+    // Nothing verified: the home directory takes no node, the label no text.
     EXPECT_EQ(codeOf([&] { create(0x0101, CFileInfo(1, 8, 0, 0)); }), kNotAllowed);
     t.fs()->select(t.card.state().fips ? TPath{0x0002} : TPath{0x1000, 0x0005});
     EXPECT_EQ(codeOf([&] { t.fs()->write(Bytes{'x'}, 0); }), kNotAllowed);
-    t.fs()->select({0x3F00, 0x6666, 0x0001});
-    EXPECT_EQ(t.fs()->info().size, 16) << "the marker stays under 6666";
-    EXPECT_EQ(codeOf([&] { t.fs()->remove(); }), kNotAllowed);
 
     // A verified PIN lasts while the host stays in its directory.
     t.card.verify(t.home(), pin);
