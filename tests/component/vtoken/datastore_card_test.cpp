@@ -8,7 +8,6 @@
 #include "persist/token_file.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <stdexcept>
 #include <string>
@@ -201,9 +200,8 @@ TEST(DataStoreCard, FaultKnobsCountDownAndPersist) {
 }
 
 TEST(DataStoreCard, EveryChangeReachesTheStateFile) {
-    char dir[] = "/tmp/krfs-dscard-XXXXXX";
-    ASSERT_NE(::mkdtemp(dir), nullptr);
-    const std::string path = std::string(dir) + "/ds.json";
+    StateFile file;
+    const std::string& path = file.path;
     vtoken::writeNewState(path, vtoken::javacard::toJsonText(*makeCard(), "datastore"), false);
     vtoken::StoredToken token(path);
     vtoken::javacard::JavaCard& card = *token.java();
@@ -224,8 +222,6 @@ TEST(DataStoreCard, EveryChangeReachesTheStateFile) {
         80 30 30 00 1E -> 01 00 00 00 C8 00 B6 01 00 00 00 00 00 03 03 03 04 04 04 10 10 10 \
           01 02 03 04 05 06 07 08 90 00
     )");
-    ::unlink(path.c_str());
-    ::rmdir(dir);
 
     const nlohmann::ordered_json good = applet(card).save();
     const std::vector<std::pair<const char*, nlohmann::ordered_json>> bad = {

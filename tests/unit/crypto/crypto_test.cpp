@@ -99,13 +99,6 @@ TBytes padded(TBytes data, int mode) {
 }
 
 TEST_F(Toolkit, TripleDesMatchesOpenSslForBothKeySizesInAnyPiecesAndPaddings) {
-    const TBytes nist = hex("0123456789ABCDEF23456789ABCDEF01456789ABCDEF0123");  // SP 800-67
-    TBytes block = hex("5468652071756663 6B2062726F776E20 666F78206A756D70");
-    qnCryptoContext ctx;
-    qnCryptoEcbInit(&ctx, qnCryptoAlgDES3, 0, nist.data(), 24);
-    qnCryptoEcb(&ctx, block.data(), 24, block.data());
-    EXPECT_EQ(block, hex("A826FD8CE53B855F CCE21C8112256FE6 68D5C05DD9B6B900"));
-    EXPECT_EQ(qnCryptoEcb(&ctx, block.data(), 12, block.data()), kLen);
     for (size_t keyLen : {16u, 24u}) {
         for (size_t step : {1u, 3u, 8u, 13u}) {
             for (int mode : {QN_PAD_NONE, QN_PAD_PKCS5, QN_PAD_ISO, QN_PAD_ZERO}) {
@@ -160,6 +153,7 @@ TEST_F(Toolkit, AFailureSticksAndOnlyTheCbcCoresStoreAFreshResult) {
     EXPECT_EQ(qnCryptoHashResult(&ctx, out.data(), &n), kArg);
     EXPECT_EQ(TBytes(out.begin(), out.begin() + 20), oracle::digest("SHA1", data)) << "still done";
     qnCryptoEcbInit(&ctx, qnCryptoAlgDES3, 0, k, 24);
+    EXPECT_EQ(qnCryptoEcb(&ctx, data.data(), 12, out.data()), kLen) << "no whole block";
     rv = kPad;  // ECB stops after its first block
     out.assign(24, 0xEE);
     EXPECT_EQ(qnCryptoEcb(&ctx, data.data(), 24, out.data()), kPad);

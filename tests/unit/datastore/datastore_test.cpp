@@ -203,7 +203,7 @@ void playLabelCard(Card& c) {
             listFrom(0x19), rec(0x30, 0x12F0, 0, 5) + kOk, listFrom(0x31), kOk});
 }
 
-TEST(DataStoreV1, TreeComesFromParentAndCodeInEachLabelAndShrinksByRemove) {
+TEST(DataStoreV1, TreeComesFromParentAndCodeInEachLabelShrinksByRemoveGrowsByCreate) {
     Card c;
     playLabelCard(c);
     IAppFS* fs = c.applet.fs();
@@ -227,12 +227,8 @@ TEST(DataStoreV1, TreeComesFromParentAndCodeInEachLabelAndShrinksByRemove) {
     fs->remove();
     fs->select({});
     EXPECT_EQ(fs->list(2), TPath{0xCC01});
-}
 
-TEST(DataStoreV1, CreateMakesLabelsFromTheCodeTable) {
-    Card c;
-    playLabelCard(c);
-    IAppFS* fs = c.applet.fs();
+    // Create makes labels from the code table.
     fs->select({0xCC01});
     const auto create = [&](WORD id, CFileInfo info) { return [=] { fs->create(id, info); }; };
     run(c.sender,
