@@ -8,9 +8,10 @@
 // - a FIPS Java token: the five keys of the PIN and of its shadow replaced
 //   under secure messaging, 15 wrapped changes each behind a card challenge,
 //   and two logins, with 15 PKCS#12 derivations of 999 rounds on the host.
-// In the replay the card refuses the stale wrapped commands, and keeps its
-// state file as it was; the library's side also takes and gives back the
-// token lock (no APDU).
+// The replay goes to a twin token in the second reader, which refuses the
+// stale login answers and wrapped commands: over the same transport, without
+// disturbing the library's token. The library's side also takes and gives
+// back the token lock (no APDU).
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
@@ -30,6 +31,7 @@ using namespace krfs::harness;
 struct Fixture {
     std::unique_ptr<Pcscd> pcscd;
     std::unique_ptr<VToken> card;
+    std::unique_ptr<VToken> twin;  // takes the replay
     std::unique_ptr<TempDir> dir;
     __tag_HToken* token = nullptr;
     std::unique_ptr<Connection> raw;
@@ -94,8 +96,8 @@ bool setUp(const Kind& kind) {
         std::printf("MISSED: expected %d\n", kind.expected);
         return false;
     }
-    // The replay's connection shares the card with the library's.
-    g->raw.reset(new Connection(g->card->reader()));
+    g->twin.reset(new VToken(*g->pcscd, 1, o));
+    g->raw.reset(new Connection(g->twin->reader()));
     return g->raw->connected();
 }
 
@@ -160,6 +162,7 @@ int main(int argc, char** argv) {
             lib * 1e3, raw * 1e3, (lib - raw) * 1e3, lib / raw);
     KRTokenUnbind(g->token);
     g->raw.reset();
+    g->twin.reset();
     g->card.reset();
     g->pcscd.reset();
     return 0;
