@@ -77,9 +77,6 @@ void treeFilesAndPin(__tag_HToken* h, const Dialect& d, ApduLog& log) {
     EXPECT_EQ(readAll(f, 5), "hello");
     EXPECT_EQ(KRFileClose(f), 0);
     ASSERT_EQ(KRSelectApplet(h, d.applet), 0);
-    ASSERT_EQ(KRFileOpen(&f, vendor, 0x0001), 0);
-    EXPECT_EQ(readAll(f, 5), data.substr(0, 5));
-    EXPECT_EQ(KRFileClose(f), 0);
     ASSERT_EQ(KRFileOpen(&f, vendor, 0x0002), 0);
     EXPECT_EQ(readAll(f, 5), "error " + std::to_string(kNoLogin));
     EXPECT_EQ(KRFileDelete(f), kNoLogin);

@@ -26,8 +26,6 @@ struct Dialect {
     const char* applet = nullptr;  // binding passes Joker by: the mount names it
 };
 
-void PrintTo(const Dialect& d, std::ostream* os) { *os << d.name; }
-
 const Dialect kDialects[] = {
     {"Pro", "pro", "01020304", false},
     {"R2", "r2", "A1B2C3D4", true},

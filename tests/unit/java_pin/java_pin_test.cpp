@@ -46,20 +46,16 @@ struct FakeFS : IAppFS {
     Paths selected;
     TPath failing{0xFFFF};
 };
-struct FakeInfo : IAppInfo {
-    bool isFips() override { return fips; }
-    bool fips = false;
-};
 struct JavaApplet : IApplet {
     JavaApplet(ISender* s, bool joker) : IApplet(s) {
         error_.reset(joker ? static_cast<IAppError*>(new CErrorJoker) : new CErrorJava);
         pack_.reset(joker ? new CPackJoker(this) : new CPackJava(this));
         pin_.reset(joker ? new CPinJoker(this) : new CPinJava(this));
         fs_.reset(fs = new FakeFS);
-        info_.reset(fips = new FakeInfo);
+        info_.reset(fips = new FixedInfo(this, false));
     }
     FakeFS* fs;
-    FakeInfo* fips;
+    FixedInfo* fips;
 };
 
 struct Dialect {
