@@ -301,11 +301,8 @@ TEST_F(Idprotect, LoginAnswersTheChallengeUnderThePinKey) {
     }
 }
 
-TEST(IdprotectPin, SelectReadsCountersAndTheVerifiedList) {
-    ScriptedSender card;
-    card.expect(kSelectAid, kOk);
-    CAppletIdprotect applet(&card);
-    IAppPin* pin = applet.pin();
+TEST_F(Idprotect, PinSelectReadsCountersAndTheVerifiedList) {
+    IAppPin* pin = applet->pin();
     const std::string list = "80 CE 00 00 00";
     const auto select = [&](TPath p) { return [=] { pin->select(p); }; };
     const auto pinObject = [](WORD id) { return "80 A4 08 0C 04 3F 00 " + word(id) + "00"; };
