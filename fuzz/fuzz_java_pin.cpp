@@ -9,26 +9,19 @@
 #include "crypto/token_crypto.h"
 #include "fuzz_check.h"
 #include "fuzz_sender.h"
-#include "libapdu/applet.h"
-#include "libapdu/error.h"
 #include "libapdu/exception.h"
+#include "token/applet_java.h"
 #include "token/apppack/pack_java.h"
 
 using namespace libapdu;
 
-struct JavaApplet : IApplet {
-    explicit JavaApplet(ISender* s) : IApplet(s) {
-        error_.reset(new CErrorJava);
-        pack_.reset(new CPackJava(this));
-    }
-};
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 1 || size > 600) return 0;
     AnswerSender card;
-    JavaApplet applet(&card);
+    card.answer = {0x90, 0x00};  // the selection
+    CAppletJava applet(&card);
     auto* pack = static_cast<CPackJava*>(applet.pack());
-    for (unsigned long i = 1; i <= 4; ++i) pack->keySet(i, TBytes(24, 0x11 * i));
+    for (unsigned long i = 1; i <= 4; ++i) pack->keySet(i, TBytes(24, 0x11 * (i + 1)));
     const TBytes h(8, 0x5A);
     TBytes answer(data + 1, data + size), check = answer, mac, response{0xEE};
     const bool framed = (data[0] & 0x07) == 2;
