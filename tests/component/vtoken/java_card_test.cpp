@@ -151,14 +151,39 @@ TEST(JavaCard, FileSystemStory) {
     }
 }
 
-TEST(JavaCard, PinCountersChangeAndUnblock) {
+TEST(JavaCard, InformationMemoryPinCountersAndUnblock) {
     for (const Dialect& d : kDialects) {
         SCOPED_TRACE(d.name);
         const bool java = &d == &kDialects[0];
-        JavaCard card = makeCard(d, {{"--pin-tries", "3"}});
+        JavaCard card = makeCard(d, {{"--pin-tries", "3"},
+                                     {"--memory", "300"},
+                                     {"--id", "01 02 03"},
+                                     {"--date", "20 24 12 31"},
+                                     {"--colour", "7"},
+                                     {"--version", "02 05"}});
         const Bytes salt = saltOf(card, d);
         const Bytes first = key(3, "12345678", salt), next = key(3, "11112222", salt);
         EXPECT_EQ(login(card, d, "11", first), "90 00");
+        play(card, in(d, R"(
+            INFO 01 07 00 -> 07 0E 01 03 01 02 03 04 04 20 24 12 31 05 01 07 90 00
+            INFO 01 11 00 -> 11 02 02 05 90 00
+            INFO 01 13 00 -> 13 04 00 00 01 2C 90 00
+            INFO 01 14 00 -> 14 04 00 00 00 4D 90 00   # 300 - 6 nodes - 31 bytes
+            INFO 02 14 00 -> 6B 00
+            SELECT 08 04 06 66 66 50 00 00 02 00 -> ... 90 00
+            RESIZE 00 00 04 03 02 00 57 00 -> 67 35
+            RESIZE 00 00 04 03 02 00 56 00 -> 90 00
+            INFO 01 14 00 -> 14 04 00 00 00 00 90 00
+            RESIZE 00 00 04 03 02 00 04 00 -> 90 00
+            READ 00 00 04 0E 02 00 00 04 -> 6B 72 46 53 90 00
+            SELECT 08 04 04 66 66 50 00 00 -> ... 90 00
+            CREATE 01 00 12 01 01 02 02 02 00 01 03 02 00 33 04 05 00 00 00 00 00 -> 67 35
+            CREATE 01 00 12 01 01 02 02 02 00 01 03 02 00 32 04 05 00 00 00 00 00 -> 90 00
+            MARKER 00 00 12 10 10 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10 -> 90 00
+        )"));
+        const auto* applet = card.find<vtoken::java::JavaApplet>();
+        EXPECT_EQ(toHex(applet->state().marker), "01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10");
+        EXPECT_NE(applet->describe().find("marker      01 02 03"), std::string::npos);
         EXPECT_EQ(send(card, in(d, "AUTH 00 11 0A 10 08 00 00 00 00 00 00 00 00")),
                   "69 85");  // challenge used
         EXPECT_EQ(send(card, in(d, "CHANGE 00 11 1A 10 18 ") + toHex(next)), "90 00");
@@ -217,38 +242,6 @@ TEST(JavaCard, FipsChangesOnlyWrapped) {
         const Bytes admin = oracle::cat({fromHex(in(d, "CHANGE 00 21 1A 10 18")), shadow});
         EXPECT_EQ(toHex(card.process(wrap(card, d, k, admin, h))), "67 36");
         EXPECT_EQ(login(card, d, "1A", shadow), "90 00");
-    }
-}
-
-TEST(JavaCard, MemoryLabelMarkerAndInformation) {
-    for (const Dialect& d : kDialects) {
-        SCOPED_TRACE(d.name);
-        JavaCard card = makeCard(d, {{"--memory", "300"},
-                                     {"--id", "01 02 03"},
-                                     {"--date", "20 24 12 31"},
-                                     {"--colour", "7"},
-                                     {"--version", "02 05"}});
-        login(card, d, "11", key(3, "12345678", saltOf(card, d)));
-        play(card, in(d, R"(
-            INFO 01 07 00 -> 07 0E 01 03 01 02 03 04 04 20 24 12 31 05 01 07 90 00
-            INFO 01 11 00 -> 11 02 02 05 90 00
-            INFO 01 13 00 -> 13 04 00 00 01 2C 90 00
-            INFO 01 14 00 -> 14 04 00 00 00 4D 90 00   # 300 - 6 nodes - 31 bytes
-            INFO 02 14 00 -> 6B 00
-            SELECT 08 04 06 66 66 50 00 00 02 00 -> ... 90 00
-            RESIZE 00 00 04 03 02 00 57 00 -> 67 35
-            RESIZE 00 00 04 03 02 00 56 00 -> 90 00
-            INFO 01 14 00 -> 14 04 00 00 00 00 90 00
-            RESIZE 00 00 04 03 02 00 04 00 -> 90 00
-            READ 00 00 04 0E 02 00 00 04 -> 6B 72 46 53 90 00
-            SELECT 08 04 04 66 66 50 00 00 -> ... 90 00
-            CREATE 01 00 12 01 01 02 02 02 00 01 03 02 00 33 04 05 00 00 00 00 00 -> 67 35
-            CREATE 01 00 12 01 01 02 02 02 00 01 03 02 00 32 04 05 00 00 00 00 00 -> 90 00
-            MARKER 00 00 12 10 10 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10 -> 90 00
-        )"));
-        const auto* applet = card.find<vtoken::java::JavaApplet>();
-        EXPECT_EQ(toHex(applet->state().marker), "01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10");
-        EXPECT_NE(applet->describe().find("marker      01 02 03"), std::string::npos);
     }
 }
 
