@@ -1,6 +1,6 @@
 // An IDProtect token through pcscd, exported API only: named directories for
-// the logical tree, chained listings, the PIN dialogue, changes under
-// Diffie-Hellman secure messaging, and an applet that refuses old tokens.
+// the logical tree, chained listings, the PIN dialogue and changes under
+// Diffie-Hellman secure messaging.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -17,14 +17,10 @@ using namespace krfs::e2e;
 
 const char kIdprotectAid[] = "A0 00 00 01 64 4C 41 53 45 52 00 01";
 
-VTokenOptions idprotectToken(std::vector<std::string> more = {}) {
-    return madeToken("idprotect", "0102030405060708", "12345678", "idprotect token",
-                     std::move(more));
-}
-
 TEST(IdprotectStory, NamedTreeChainingPinAndSecureMessaging) {
     Pcscd pcscd;
-    VToken card(pcscd, 0, idprotectToken());
+    VToken card(pcscd, 0,
+                madeToken("idprotect", "0102030405060708", "12345678", "idprotect token"));
     ApduLog log;
     Session s(card.reader());
     ASSERT_NE(s.h, nullptr);
@@ -91,14 +87,6 @@ TEST(IdprotectStory, NamedTreeChainingPinAndSecureMessaging) {
     EXPECT_EQ(KRTokenPinChange(h, "11112222"), kNoLogin) << "the card forgot the login";
     EXPECT_EQ(KRDirClose(many), 0);
     EXPECT_EQ(KRDirClose(vendor), 0);
-}
-
-TEST(IdprotectStory, AnOlderTokenIsRefused) {
-    Pcscd pcscd;
-    VToken card(pcscd, 0, idprotectToken({"--info-version", "3"}));
-    Session s(card.reader());
-    ASSERT_NE(s.h, nullptr);
-    EXPECT_EQ(KRSelectApplet(s.h, 0x2101), kNoRoom);
 }
 
 }  // namespace
