@@ -163,7 +163,7 @@ TEST(JavaPin, LoginCountsDownAndTakesTheKeyOfTheMode) {
     }
 }
 
-TEST(JavaPin, AdministratorBranchOnJavaOnly) {
+TEST(JavaPin, AdministratorOnJavaOnlyThenPlainChangeUnblockAndLogout) {
     for (const Dialect& d : kDialects) {
         Rig r(d);
         r.pack->keySet(3, hex("0102"));  // an earlier user login
@@ -174,20 +174,16 @@ TEST(JavaPin, AdministratorBranchOnJavaOnly) {
             (std::vector<int>{6, 16, d.joker ? 255 : 2, d.joker ? 255 : 3, d.joker ? 0x10 : 0xFF}));
         r.authenticate(0x21, d.joker ? keysOf(kPin)[3] : oracle::plainKey(kPin));
         r.pin->login(kPin);
-        const TBytes key = d.joker ? keysOf(kNewPin)[3] : oracle::plainKey(kNewPin);
-        r.changed(d.change, 0x21, key);
+        const TBytes adminKey = d.joker ? keysOf(kNewPin)[3] : oracle::plainKey(kNewPin);
+        r.changed(d.change, 0x21, adminKey);
         r.refresh();
         r.pin->change(kNewPin);
         EXPECT_EQ(r.fs, (d.joker ? Paths{kSaltFile, {}, kSaltFile, {}} : Paths{kUp, kUp}));
-        EXPECT_EQ(r.pack->keyGet(3), d.joker ? key : hex("0102"));
+        EXPECT_EQ(r.pack->keyGet(3), d.joker ? adminKey : hex("0102"));
         r.pin->select(r.pin->pathGlobal());  // sends nothing, knows nothing
         EXPECT_EQ(pinFields(r.pin->info()), (std::vector<int>{6, 16, 255, 255, 0x10}));
-    }
-}
 
-TEST(JavaPin, PlainChangeUnblockAndLogout) {
-    for (const Dialect& d : kDialects) {
-        Rig r(d);
+        r.fs.clear();  // the user's plain change, unblock and logout
         r.status(0x11, kStatus);
         r.pin->select({0x0011});
         const TBytes key = keysOf(kNewPin)[3];
