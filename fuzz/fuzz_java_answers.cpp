@@ -1,9 +1,6 @@
 // The Java-family drivers' parsers: node descriptions, list pages, the
-// information block and its children, the FIPS file, random bytes, and the
-// card manager's answers. The input is a series of answers, each a two-byte
-// big-endian length and that many bytes, given in turn with a good status
-// word; the AID selections are always accepted, and the card answers with the
-// status word alone once the answers run out.
+// information block, the FIPS file, random bytes, the card manager's answers
+// and the PIN status. The input is a series of answers as AnswerQueue takes them.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -47,5 +44,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     step([&] { FUZZ_CHECK(manager.info()->version(0).size() == 2); });
     step([&] { FUZZ_CHECK(manager.info()->id(0).size() < 256); });
     step([&] { FUZZ_CHECK(manager.info()->value(2).size() < 256); });
+    step([&] {
+        applet.pin()->select(applet.pin()->pathUser());
+        const unsigned total = applet.pin()->info().attemptsTotal;
+        FUZZ_CHECK(total <= 15 || total == 0x7F);
+    });
     return 0;
 }

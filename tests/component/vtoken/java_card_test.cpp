@@ -1,18 +1,15 @@
 // The virtual Java and Joker applets byte by byte on the Java card: one story
 // for both, written with operation names that each variant's table turns
-// into its instruction bytes. Keys, login answers and secure messaging are
-// computed here with OpenSSL alone.
+// into its instruction bytes.
 #include "java/java_applet.h"
 
 #include "component/vtoken/card_script.h"
 #include "javacard/javacard.h"
+#include "unit/java_oracle.h"
 
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
-#include <openssl/pkcs12.h>
 
 #include <iterator>
-#include <memory>
 #include <regex>
 #include <string>
 #include <utility>
@@ -26,6 +23,7 @@ using vtoken::fromHex;
 using vtoken::toHex;
 using vtoken::javacard::JavaCard;
 using Given = std::vector<std::pair<std::string, std::string>>;
+using oracle::java::Keys;
 
 // Each operation's class and instruction in the two variants.
 const char* const kWords[] = {"SELECT",    "CREATE", "DELETE", "LIST",   "READ",
@@ -61,61 +59,8 @@ JavaCard makeCard(const Dialect& d, const Given& given) {
     return card;
 }
 
-Bytes operator+(Bytes a, const Bytes& b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
-
-Bytes pad80(Bytes m) {
-    m.push_back(0x80);
-    while (m.size() % 8) m.push_back(0x00);
-    return m;
-}
-
-Bytes des3(const EVP_CIPHER* cipher, const Bytes& key, const Bytes& iv, const Bytes& data,
-           bool encrypt) {
-    std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> ctx(EVP_CIPHER_CTX_new(),
-                                                                        EVP_CIPHER_CTX_free);
-    Bytes out(data.size() + 8);
-    int n = 0, last = 0;
-    EXPECT_EQ(EVP_CipherInit_ex(ctx.get(), cipher, nullptr, key.data(), iv.data(), encrypt), 1);
-    EVP_CIPHER_CTX_set_padding(ctx.get(), 0);
-    EVP_CipherUpdate(ctx.get(), out.data(), &n, data.data(), static_cast<int>(data.size()));
-    EVP_CipherFinal_ex(ctx.get(), out.data() + n, &last);
-    out.resize(static_cast<std::size_t>(n + last));
-    return out;
-}
-
-// Full triple DES CBC-MAC over the data padded with 80 00...
-Bytes mac(const Bytes& key, const Bytes& data) {
-    const Bytes chain = des3(EVP_des_ede3_cbc(), key, Bytes(8), pad80(data), true);
-    return Bytes(chain.end() - 8, chain.end());
-}
-
-Bytes pkcs12Key(int id, const std::string& pin, const Bytes& salt) {
-    Bytes bmp;
-    for (char c : pin) bmp.insert(bmp.end(), {0x00, static_cast<unsigned char>(c)});
-    bmp.insert(bmp.end(), {0x00, 0x00});
-    Bytes key(24);
-    EXPECT_EQ(
-        PKCS12_key_gen_uni(bmp.data(), int(bmp.size()), const_cast<unsigned char*>(salt.data()),
-                           int(salt.size()), id, 999, 24, key.data(), EVP_sha1()),
-        1);
-    return key;
-}
-
-// MD5(00 PIN) and MD5(01 PIN), 7 bits a key byte from the lowest up.
-Bytes md5Key(const std::string& pin) {
-    Bytes bits(32);
-    for (unsigned char counter : {0, 1}) {
-        const Bytes in = Bytes{counter} + Bytes(pin.begin(), pin.end());
-        EVP_Digest(in.data(), in.size(), bits.data() + 16 * counter, nullptr, EVP_md5(), nullptr);
-    }
-    Bytes key(24);
-    for (int bit = 0; bit < 168; ++bit)
-        if (bits[bit / 8] >> (bit % 8) & 1)
-            key[bit / 7] |= static_cast<unsigned char>(1 << bit % 7);
-    return key;
+Bytes key(int id, const std::string& pin, const Bytes& salt) {
+    return oracle::saltedKey(id, Bytes(pin.begin(), pin.end()), salt);
 }
 
 Bytes saltOf(JavaCard& card, const Dialect& d) {
@@ -128,45 +73,34 @@ Bytes saltOf(JavaCard& card, const Dialect& d) {
 std::string login(JavaCard& card, const Dialect& d, const char* pin, const Bytes& key) {
     Bytes c = card.process(fromHex(in(d, "CHALLENGE 00 00 08")));
     c.resize(8);
-    const Bytes answer = des3(EVP_des_ede3_ecb(), key, Bytes(8), c, true);
-    return send(card, in(d, std::string("AUTH 00 ") + pin + " 0A 10 08 ") + toHex(answer));
+    return send(card, in(d, std::string("AUTH 00 ") + pin + " 0A 10 08 ") +
+                          toHex(oracle::challengeMac(key, c)));
 }
 
-// Command `plain` (header, Lc, body) wrapped under keys 1 and 2, asking
-// for `le` bytes; `forge` spoils the MAC.
-Bytes wrap(JavaCard& card, const Dialect& d, const std::vector<Bytes>& k, const Bytes& plain,
-           const Bytes& h, unsigned char le = 0, bool forge = false) {
+// Command `plain` wrapped under `k` on a fresh card challenge; `forge` spoils the MAC.
+Bytes wrap(JavaCard& card, const Dialect& d, const Keys& k, const Bytes& plain, const Bytes& h,
+           bool forge = false) {
     Bytes c = card.process(fromHex(in(d, "CHALLENGE 01 00 08")));
     c.resize(8);
-    c[7]++;
-    const Bytes iv = fromHex("01 02 03 04 05 06 07 08");
-    const Bytes e =
-        des3(EVP_des_ede3_cbc(), k[1], iv, pad80(Bytes(plain.begin() + 5, plain.end())), true);
-    Bytes body = Bytes{0x32, static_cast<unsigned char>(e.size())} + e + Bytes{0x22, 0x08} + iv +
-                 fromHex("34 02 01 3E 33 08") + h + Bytes{0x0D, 0x08} + c;
-    Bytes command = Bytes{static_cast<unsigned char>(plain[0] | 0x04), plain[1], plain[2], plain[3],
-                          static_cast<unsigned char>(body.size())} +
-                    body;
-    const Bytes m = mac(k[2], command);
-    std::copy(m.begin(), m.end(), command.end() - 8);
-    if (forge) command.back() ^= 0x01;
-    return command + Bytes{0x00, static_cast<unsigned char>(0x20 + le)};
+    Bytes command = oracle::java::wrapped(k, c, plain, fromHex("01 02 03 04 05 06 07 08"), h);
+    command[command.size() - 3] ^= forge;
+    return command;
 }
 
 // The data of a wrapped answer after its MAC (key 4, over H and the status
 // word too) checked, decrypted under key 3; its status word.
-std::string unwrap(const Bytes& answer, const std::vector<Bytes>& k, const Bytes& h) {
+std::string unwrap(const Bytes& answer, const Keys& k, const Bytes& h) {
     if (answer.size() < 12) return toHex(answer);
     const Bytes part(answer.begin(), answer.end() - 12), sw(answer.end() - 2, answer.end());
-    EXPECT_EQ(mac(k[4], part + h + sw + Bytes{0x0D, 0x08}),
+    EXPECT_EQ(oracle::java::mac(k[4], oracle::cat({part, h, sw, {0x0D, 0x08}})),
               Bytes(answer.end() - 10, answer.end() - 2));
-    if (part.size() == 4) return toHex(part + sw);
+    if (part.size() == 4) return toHex(oracle::cat({part, sw}));
     EXPECT_EQ(toHex(Bytes(part.begin(), part.begin() + 2)), "22 08");
     const Bytes iv(part.begin() + 2, part.begin() + 10), e(part.begin() + 12, part.end());
-    Bytes plain = des3(EVP_des_ede3_cbc(), k[3], iv, e, false);
+    Bytes plain = oracle::evp("DES-EDE3-CBC", k[3], iv, e, false);
     while (plain.back() == 0x00) plain.pop_back();
     plain.pop_back();
-    return toHex(plain + sw);
+    return toHex(oracle::cat({plain, sw}));
 }
 
 TEST(JavaCard, FileSystemStory) {
@@ -184,7 +118,7 @@ TEST(JavaCard, FileSystemStory) {
             LIST 02 00 04 09 02 00 00 CD -> 0A 06 00 02 00 0A 00 0F 0B 01 00 90 00
         )"));
         const Bytes salt = saltOf(card, d);
-        EXPECT_EQ(login(card, d, "11", pkcs12Key(3, "12345678", salt)), "90 00");
+        EXPECT_EQ(login(card, d, "11", key(3, "12345678", salt)), "90 00");
         play(card, in(d, R"(
             SELECT 08 04 04 66 66 50 00 00 -> ... 90 00
             CREATE 01 00 12 01 01 02 02 02 00 01 03 02 00 10 04 05 11 11 11 11 11 -> 90 00
@@ -212,19 +146,44 @@ TEST(JavaCard, FileSystemStory) {
             80 99 00 00 -> 6D 00
             90 18 00 00 -> 6E 00
         )"));
-        EXPECT_EQ(login(card, d, "11", pkcs12Key(3, "12345678", salt)), "90 00");
+        EXPECT_EQ(login(card, d, "11", key(3, "12345678", salt)), "90 00");
         play(card, in(d, "READ 00 00 04 0E 02 00 03 03 -> 00 CA FE 90 00"));
     }
 }
 
-TEST(JavaCard, PinCountersChangeAndUnblock) {
+TEST(JavaCard, InformationMemoryPinCountersAndUnblock) {
     for (const Dialect& d : kDialects) {
         SCOPED_TRACE(d.name);
         const bool java = &d == &kDialects[0];
-        JavaCard card = makeCard(d, {{"--pin-tries", "3"}});
+        JavaCard card = makeCard(d, {{"--pin-tries", "3"},
+                                     {"--memory", "300"},
+                                     {"--id", "01 02 03"},
+                                     {"--date", "20 24 12 31"},
+                                     {"--colour", "7"},
+                                     {"--version", "02 05"}});
         const Bytes salt = saltOf(card, d);
-        const Bytes first = pkcs12Key(3, "12345678", salt), next = pkcs12Key(3, "11112222", salt);
+        const Bytes first = key(3, "12345678", salt), next = key(3, "11112222", salt);
         EXPECT_EQ(login(card, d, "11", first), "90 00");
+        play(card, in(d, R"(
+            INFO 01 07 00 -> 07 0E 01 03 01 02 03 04 04 20 24 12 31 05 01 07 90 00
+            INFO 01 11 00 -> 11 02 02 05 90 00
+            INFO 01 13 00 -> 13 04 00 00 01 2C 90 00
+            INFO 01 14 00 -> 14 04 00 00 00 4D 90 00   # 300 - 6 nodes - 31 bytes
+            INFO 02 14 00 -> 6B 00
+            SELECT 08 04 06 66 66 50 00 00 02 00 -> ... 90 00
+            RESIZE 00 00 04 03 02 00 57 00 -> 67 35
+            RESIZE 00 00 04 03 02 00 56 00 -> 90 00
+            INFO 01 14 00 -> 14 04 00 00 00 00 90 00
+            RESIZE 00 00 04 03 02 00 04 00 -> 90 00
+            READ 00 00 04 0E 02 00 00 04 -> 6B 72 46 53 90 00
+            SELECT 08 04 04 66 66 50 00 00 -> ... 90 00
+            CREATE 01 00 12 01 01 02 02 02 00 01 03 02 00 33 04 05 00 00 00 00 00 -> 67 35
+            CREATE 01 00 12 01 01 02 02 02 00 01 03 02 00 32 04 05 00 00 00 00 00 -> 90 00
+            MARKER 00 00 12 10 10 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10 -> 90 00
+        )"));
+        const auto* applet = card.find<vtoken::java::JavaApplet>();
+        EXPECT_EQ(toHex(applet->state().marker), "01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10");
+        EXPECT_NE(applet->describe().find("marker      01 02 03"), std::string::npos);
         EXPECT_EQ(send(card, in(d, "AUTH 00 11 0A 10 08 00 00 00 00 00 00 00 00")),
                   "69 85");  // challenge used
         EXPECT_EQ(send(card, in(d, "CHANGE 00 11 1A 10 18 ") + toHex(next)), "90 00");
@@ -249,7 +208,7 @@ TEST(JavaCard, PinCountersChangeAndUnblock) {
         }
         const std::string unblock = "80 13 00 11 1A 10 18 " + toHex(first);
         EXPECT_EQ(send(card, unblock), java ? "67 36" : "6D 00");
-        EXPECT_EQ(login(card, d, "21", md5Key("87654321")), "90 00");
+        EXPECT_EQ(login(card, d, "21", oracle::plainKey(fromHex("3837363534333231"))), "90 00");
         EXPECT_EQ(send(card, unblock), java ? "90 00" : "6D 00");
         EXPECT_EQ(login(card, d, "11", first), java ? "90 00" : "69 83");
         EXPECT_EQ(send(card, in(d, "STATUS 00 21 05 10 03 23 06 20 00")),
@@ -265,54 +224,24 @@ TEST(JavaCard, FipsChangesOnlyWrapped) {
         play(card, in(d, "READ 00 00 04 0E 02 00 00 14 -> " + toHex(salt) + R"( 90 00
             SELECT 08 04 06 66 66 50 00 00 0A 00 -> ... 90 00
             READ 00 00 04 0E 02 00 00 02 -> 00 01 90 00)"));
-        std::vector<Bytes> k;
-        for (int i = 0; i < 5; ++i) k.push_back(pkcs12Key(i, "12345678", salt));
-        const Bytes h = fromHex("A1 A2 A3 A4 A5 A6 A7 A8"), shadow = pkcs12Key(0, "0000", salt);
-        const Bytes change = fromHex(in(d, "CHANGE 00 1A 1A 10 18")) + shadow;
+        Keys k;
+        for (int i = 0; i < 5; ++i) k.push_back(key(i, "12345678", salt));
+        const Bytes h = fromHex("A1 A2 A3 A4 A5 A6 A7 A8"), shadow = key(0, "0000", salt);
+        const Bytes change = oracle::cat({fromHex(in(d, "CHANGE 00 1A 1A 10 18")), shadow});
         EXPECT_EQ(toHex(card.process(wrap(card, d, k, change, h))), "69 88");  // no login
         EXPECT_EQ(login(card, d, "11", k[0]), "90 00");
         EXPECT_EQ(toHex(card.process(change)), "69 82");
-        EXPECT_EQ(toHex(card.process(wrap(card, d, k, change, h, 0, true))), "69 88");
+        EXPECT_EQ(send(card, "80 13 00 11 1A 10 18 " + toHex(shadow)),
+                  &d == kDialects ? "69 82" : "6D 00");  // unblock too
+        EXPECT_EQ(toHex(card.process(wrap(card, d, k, change, h, true))), "69 88");
         const Bytes wrapped = wrap(card, d, k, change, h);
         EXPECT_EQ(unwrap(card.process(wrapped), k, h), "99 02 90 00 90 00");
         EXPECT_EQ(toHex(card.process(wrapped)), "69 88");  // its challenge is gone
-        const Bytes read = fromHex(in(d, "READ 00 00 04 0E 02 00 00"));
-        EXPECT_EQ(unwrap(card.process(wrap(card, d, k, read, h, 2)), k, h), "00 01 90 00");
-        const Bytes admin = fromHex(in(d, "CHANGE 00 21 1A 10 18")) + shadow;
+        const Bytes read = fromHex(in(d, "READ 00 00 04 0E 02 00 00 02"));
+        EXPECT_EQ(unwrap(card.process(wrap(card, d, k, read, h)), k, h), "00 01 90 00");
+        const Bytes admin = oracle::cat({fromHex(in(d, "CHANGE 00 21 1A 10 18")), shadow});
         EXPECT_EQ(toHex(card.process(wrap(card, d, k, admin, h))), "67 36");
         EXPECT_EQ(login(card, d, "1A", shadow), "90 00");
-    }
-}
-
-TEST(JavaCard, MemoryLabelMarkerAndInformation) {
-    for (const Dialect& d : kDialects) {
-        SCOPED_TRACE(d.name);
-        JavaCard card = makeCard(d, {{"--memory", "300"},
-                                     {"--id", "01 02 03"},
-                                     {"--date", "20 24 12 31"},
-                                     {"--colour", "7"},
-                                     {"--version", "02 05"}});
-        login(card, d, "11", pkcs12Key(3, "12345678", saltOf(card, d)));
-        play(card, in(d, R"(
-            INFO 01 07 00 -> 07 0E 01 03 01 02 03 04 04 20 24 12 31 05 01 07 90 00
-            INFO 01 11 00 -> 11 02 02 05 90 00
-            INFO 01 13 00 -> 13 04 00 00 01 2C 90 00
-            INFO 01 14 00 -> 14 04 00 00 00 4D 90 00   # 300 - 6 nodes - 31 bytes
-            INFO 02 14 00 -> 6B 00
-            SELECT 08 04 06 66 66 50 00 00 02 00 -> ... 90 00
-            RESIZE 00 00 04 03 02 00 57 00 -> 67 35
-            RESIZE 00 00 04 03 02 00 56 00 -> 90 00
-            INFO 01 14 00 -> 14 04 00 00 00 00 90 00
-            RESIZE 00 00 04 03 02 00 04 00 -> 90 00
-            READ 00 00 04 0E 02 00 00 04 -> 6B 72 46 53 90 00
-            SELECT 08 04 04 66 66 50 00 00 -> ... 90 00
-            CREATE 01 00 12 01 01 02 02 02 00 01 03 02 00 33 04 05 00 00 00 00 00 -> 67 35
-            CREATE 01 00 12 01 01 02 02 02 00 01 03 02 00 32 04 05 00 00 00 00 00 -> 90 00
-            MARKER 00 00 12 10 10 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10 -> 90 00
-        )"));
-        const auto* applet = card.find<vtoken::java::JavaApplet>();
-        EXPECT_EQ(toHex(applet->state().marker), "01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E 0F 10");
-        EXPECT_NE(applet->describe().find("marker      01 02 03"), std::string::npos);
     }
 }
 
@@ -320,7 +249,7 @@ TEST(JavaCard, ListPagesAndStateRoundTrip) {
     const Dialect& d = kDialects[1];
     JavaCard card = makeCard(d, {{"--pin-tries", "4"}});
     const Bytes salt = saltOf(card, d);
-    login(card, d, "11", pkcs12Key(3, "12345678", salt));
+    login(card, d, "11", key(3, "12345678", salt));
     send(card, in(d, "SELECT 08 04 04 66 66 50 00 00"));
     for (int i = 0; i < 98; ++i) {
         const std::string id = toHex({0x10, static_cast<unsigned char>(i)});
@@ -333,25 +262,21 @@ TEST(JavaCard, ListPagesAndStateRoundTrip) {
               "0A C8 00 02 00 0A 00 0F 10 60 0B 01 01 90 00");  // the first 100
     EXPECT_EQ(send(card, in(d, "LIST 02 00 04 09 02 00 64 CD")),
               "0A 02 10 61 0B 01 00 90 00");  // the 101st file
-    login(card, d, "11", pkcs12Key(3, "1", salt));
+    login(card, d, "11", key(3, "1", salt));
 
     auto* applet = card.find<vtoken::java::JavaApplet>();
     auto copy = vtoken::java::loadJoker(applet->save());
     EXPECT_EQ(copy->save(), applet->save());
     EXPECT_NE(copy->describe().find("PIN 11  user  tries 3/4  keys in slots 0 1 2 3 4"),
               std::string::npos);
-    using Edit = void (*)(nlohmann::ordered_json&);
-    const Edit broken[] = {
-        [](nlohmann::ordered_json& j) { j["pins"][0]["tries_left"] = 5; },
-        [](nlohmann::ordered_json& j) { j["pins"][0]["slots"][1] = "01 02"; },
-        [](nlohmann::ordered_json& j) { j["pins"].erase(1); },
-        [](nlohmann::ordered_json& j) { j["tree"]["access"] = "21"; },
-        [](nlohmann::ordered_json& j) { j["marker"] = "01"; },
-    };
-    for (const Edit edit : broken) {
-        auto j = applet->save();
-        edit(j);
-        EXPECT_THROW(vtoken::java::fromJson(j), std::invalid_argument) << j.dump();
+    for (const char* edit :
+         {R"("replace", "path": "/pins/0/tries_left", "value": 5)",
+          R"("replace", "path": "/pins/0/slots/1", "value": "01 02")",
+          R"("remove", "path": "/pins/1")", R"("replace", "path": "/tree/access", "value": "21")",
+          R"("replace", "path": "/marker", "value": "01")"}) {
+        const auto patch = nlohmann::ordered_json::parse(std::string(R"([{"op": )") + edit + "}]");
+        EXPECT_THROW(vtoken::java::fromJson(applet->save().patch(patch)), std::invalid_argument)
+            << edit;
     }
     for (const Given& given : std::vector<Given>{{{"--pin-tries", "16"}},
                                                  {{"--pin-tries", "0"}},

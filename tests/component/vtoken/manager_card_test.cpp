@@ -29,13 +29,6 @@ vtoken::JavaInstallation installGost(const Given& given) {
     return installation;
 }
 
-JavaCard gostWithApplets() {
-    auto i = installGost({{"--applets", "manager,cryptopro"},
-                          {"--model-name", "Test Token"},
-                          {"--manager-id", "01 02 03"}});
-    return JavaCard(i.atr, std::move(i.applets));
-}
-
 const char* kManagerAnswers = R"(
     00 A4 04 00 07 A0 00 00 01 51 00 00 00 -> 90 00
     80 CA 9F 7F 00 -> 9F 7F 2A 4B 52 80 10 82 31 11 20 01 02 11 35 12 34 56 78 00 01 4B 52 \
@@ -44,8 +37,12 @@ const char* kManagerAnswers = R"(
     00 CA 00 01 00 -> 01 0A 54 65 73 74 20 54 6F 6B 65 6E 90 00
 )";
 
-TEST(ManagerCard, AppletsBesideGost) {
-    JavaCard card = gostWithApplets();
+// The applets answer the same before and after their state is stored and loaded.
+TEST(ManagerCard, AppletsBesideGostAndTheirState) {
+    auto i = installGost({{"--applets", "manager,cryptopro"},
+                          {"--model-name", "Test Token"},
+                          {"--manager-id", "01 02 03"}});
+    JavaCard card(i.atr, std::move(i.applets));
     play(card, kManagerAnswers);
     play(card, R"(
         00 CA 00 01 0C -> 01 0A 54 65 73 74 20 54 6F 6B 65 6E 90 00   # Le of the exact length
@@ -59,7 +56,28 @@ TEST(ManagerCard, AppletsBesideGost) {
         00 A4 04 00 0A A0 00 00 04 48 01 01 01 06 02 00 -> 90 00
         80 15 10 00 01 01 -> ... 90 00
     )");
-    play(card, kManagerAnswers);
+    StateFile file;
+    vtoken::writeNewState(file.path, vtoken::javacard::toJsonText(card, "gost"), false);
+    vtoken::StoredToken token(file.path);
+    play(*token.java(), kManagerAnswers);
+    const std::string saved = vtoken::readTextFile(file.path);
+    EXPECT_EQ(vtoken::javacard::toJsonText(*token.java(), "gost"), saved);
+
+    // The host's version is answer bytes 12 and 11: release level bytes of the CPLC.
+    auto j = nlohmann::ordered_json::parse(saved);
+    j["applets"][1]["state"]["cplc"] = expand("00 11 22 33 44 55 66 77 AB CD EE*32");
+    auto edited = vtoken::javacard::fromJsonText(j.dump(), "gost", &vtoken::loadApplet);
+    EXPECT_EQ(send(*edited, "00 A4 04 00 07 A0 00 00 01 51 00 00 00"), "90 00");
+    const vtoken::Bytes cplc = edited->process(vtoken::fromHex("80 CA 9F 7F 00"));
+    ASSERT_EQ(cplc.size(), 47u);
+    EXPECT_EQ(vtoken::toHex({cplc[12], cplc[11]}), "CD AB");
+    for (const char* bad : {R"({"model": "", "id": "", "cplc": "00"})",
+                            R"({"model": "", "id": "01", "cplc": "00"})", "[]"}) {
+        j["applets"][1]["state"] = nlohmann::ordered_json::parse(bad);
+        EXPECT_THROW(vtoken::javacard::fromJsonText(j.dump(), "gost", &vtoken::loadApplet),
+                     std::invalid_argument)
+            << bad;
+    }
 }
 
 TEST(ManagerCard, AppletsOptionRefusals) {
@@ -75,32 +93,6 @@ TEST(ManagerCard, AppletsOptionRefusals) {
              {{"--applets", "manager"}, {"--manager-id", ""}},
          })
         EXPECT_THROW(installGost(given), std::invalid_argument) << given.front().second;
-}
-
-TEST(ManagerCard, StateRoundTrip) {
-    StateFile file;
-    vtoken::writeNewState(file.path, vtoken::javacard::toJsonText(gostWithApplets(), "gost"),
-                          false);
-    vtoken::StoredToken token(file.path);
-    play(*token.java(), kManagerAnswers);
-    const std::string saved = vtoken::readTextFile(file.path);
-    EXPECT_EQ(vtoken::javacard::toJsonText(*token.java(), "gost"), saved);
-
-    // The host's version is answer bytes 12 and 11: release level bytes of the CPLC.
-    auto j = nlohmann::ordered_json::parse(saved);
-    j["applets"][1]["state"]["cplc"] = expand("00 11 22 33 44 55 66 77 AB CD EE*32");
-    auto card = vtoken::javacard::fromJsonText(j.dump(), "gost", &vtoken::loadApplet);
-    EXPECT_EQ(send(*card, "00 A4 04 00 07 A0 00 00 01 51 00 00 00"), "90 00");
-    const vtoken::Bytes cplc = card->process(vtoken::fromHex("80 CA 9F 7F 00"));
-    ASSERT_EQ(cplc.size(), 47u);
-    EXPECT_EQ(vtoken::toHex({cplc[12], cplc[11]}), "CD AB");
-    for (const char* bad : {R"({"model": "", "id": "", "cplc": "00"})",
-                            R"({"model": "", "id": "01", "cplc": "00"})", "[]"}) {
-        j["applets"][1]["state"] = nlohmann::ordered_json::parse(bad);
-        EXPECT_THROW(vtoken::javacard::fromJsonText(j.dump(), "gost", &vtoken::loadApplet),
-                     std::invalid_argument)
-            << bad;
-    }
 }
 
 }  // namespace

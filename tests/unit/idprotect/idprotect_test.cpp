@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <deque>
 #include <memory>
 #include <string>
 #include <tuple>
@@ -194,26 +193,6 @@ TEST(IdprotectApplet, InitRefusesShortOrOldInformationFiles) {
 
 const TBytes kPin = hex("313233343536");
 
-// A card whose answers the test computes from each command in turn.
-struct LiveCard : ISender {
-    using Step = std::function<TBytes(const TBytes&)>;
-    ~LiveCard() override { EXPECT_TRUE(steps.empty()); }
-    void send(const TBytes& command, TBytes& response) override {
-        if (steps.empty()) throw std::logic_error("unexpected " + toHex(command));
-        const Step s = steps.front();
-        steps.pop_front();
-        response = s(command);
-    }
-    TBytes atr() override { return {}; }
-    void fixed(const std::string& want, const std::string& answer) {
-        steps.push_back([=](const TBytes& c) {
-            EXPECT_EQ(toHex(c), toHex(hex(want)));
-            return hex(answer);
-        });
-    }
-    std::deque<Step> steps;
-};
-
 using Bn = std::unique_ptr<BIGNUM, decltype(&BN_free)>;
 Bn bn(const TBytes& b) { return Bn(BN_bin2bn(b.data(), int(b.size()), nullptr), &BN_free); }
 // base^e mod m, big-endian in whole 32-bit units, as the host sizes its numbers.
@@ -234,23 +213,26 @@ TBytes des3(const TBytes& key16, const TBytes& data, bool encrypt) {
 // The card's side of one channel for the command `plain` (header and data):
 // `reach` 0 sends a group without the card's value, 1 a short key answer,
 // 2 goes through the wrapped command, answered `word`, and the close.
-void channel(LiveCard& card, const TBytes& plain, const std::string& word,
+void channel(ScriptedSender& card, const TBytes& plain, const std::string& word,
              const std::string& closed, int reach) {
     const TBytes p = cat({{0xC1}, oracle::random(62), {0x01}}), secret = oracle::random(20);
     const std::string group = "80 01 02 81 40 " + toHex(p);
-    if (reach == 0) return card.fixed("80 48 00 80 00", group + kOk);
+    if (reach == 0) {
+        card.expect("80 48 00 80 00", group + kOk);
+        return;
+    }
     TBytes cardValue = power({0x02}, secret, p);
     cardValue.insert(cardValue.begin(), 64 - cardValue.size(), 0);
-    card.fixed("80 48 00 80 00", group + "82 40 " + toHex(cardValue) + kOk);
+    card.expect("80 48 00 80 00", group + "82 40 " + toHex(cardValue) + kOk);
     const TBytes q = oracle::random(reach == 1 ? 31 : 32);
     auto shared = std::make_shared<TBytes>();
-    card.steps.push_back([=](const TBytes& c) {
+    card.respond([=](const TBytes& c) {
         EXPECT_EQ(toHex(TBytes(c.begin(), c.begin() + 4)), "80 86 00 00 ");
         *shared = power(TBytes(c.begin() + 5, c.end() - 1), secret, p);
         return cat({q, {0x90, 0x00}});
     });
     if (reach == 1) return;
-    card.steps.push_back([=](const TBytes& wrapped) {
+    card.respond([=](const TBytes& wrapped) {
         const TBytes& y = *shared;
         TBytes enc(16), mac(16), header(plain.begin(), plain.begin() + 4);
         for (int i = 0; i < 16; ++i) enc[i] = q[i] ^ y[i], mac[i] = q[16 + i] ^ y[24 + i];
@@ -265,19 +247,10 @@ void channel(LiveCard& card, const TBytes& plain, const std::string& word,
             toHex(cat({header, {static_cast<unsigned char>(d.size() + 10)}, d, {0x8E, 0x08}, m})));
         return hex(word);
     });
-    card.fixed("80 86 FF FF", closed);
+    card.expect("80 86 FF FF", closed);
 }
 
-struct Live : ::testing::Test {
-    Live() {
-        card.fixed(kSelectAid, kOk);
-        applet.reset(new CAppletIdprotect(&card));
-    }
-    LiveCard card;
-    std::unique_ptr<CAppletIdprotect> applet;
-};
-
-TEST_F(Live, SecureMessagingAgreesKeysWrapsAndAlwaysCloses) {
+TEST_F(Idprotect, SecureMessagingAgreesKeysWrapsAndAlwaysCloses) {
     const TBytes newPin = cat({hex("80 24 00 00 62 81 08 81 06"), kPin});
     TBytes response;
     const auto sm = [&](const char* c) { return [&, c] { applet->pack()->sm(hex(c), response); }; };
@@ -298,24 +271,24 @@ TEST_F(Live, SecureMessagingAgreesKeysWrapsAndAlwaysCloses) {
             {sm("80 2C 00 00"), false, {}, "", "", 0, code(0x6281), ""},
         };
     for (const auto& [call, prepare, plain, word, closed, reach, failed, answer] : rows) {
-        if (prepare) card.fixed("80 2C 00 00 00", "69 85");
+        if (prepare) card.expect("80 2C 00 00 00", "69 85");
         channel(card, plain, word, closed, reach);
         response.clear();
         EXPECT_EQ(failureCode(call), failed) << toHex(plain);
         EXPECT_EQ(toHex(response), answer);
-        EXPECT_TRUE(card.steps.empty());
+        EXPECT_TRUE(card.allConsumed());
     }
 }
 
-TEST_F(Live, LoginAnswersTheChallengeUnderThePinKey) {
+TEST_F(Idprotect, LoginAnswersTheChallengeUnderThePinKey) {
     const TBytes challenge = oracle::random(8), key = oracle::digest("SHA1", kPin);
-    card.fixed(kNames[0], kNames[1]);
+    card.expect(kNames[0], kNames[1]);
     // The card's word, then the code, attempts left and login state after the login.
     const std::tuple<std::string, long, int, int> rows[] = {{kOk, 0, 0xFF, 0xFF},
                                                             {"63 C2", code(0x6300), 0xFE, 0xFF}};
     for (const auto& [word, failed, left, state] : rows) {
-        card.fixed("00 84 00 00 08", toHex(challenge) + kOk);
-        card.steps.push_back([&, word = word](const TBytes& c) {
+        card.expect("00 84 00 00 08", toHex(challenge) + kOk);
+        card.respond([&, word = word](const TBytes& c) {
             EXPECT_EQ(toHex(TBytes(c.begin(), c.begin() + 5)), "80 20 00 00 10 ");
             const TBytes plain =
                 des3(TBytes(key.begin(), key.begin() + 16), TBytes(c.begin() + 5, c.end()), false);
@@ -328,11 +301,8 @@ TEST_F(Live, LoginAnswersTheChallengeUnderThePinKey) {
     }
 }
 
-TEST(IdprotectPin, SelectReadsCountersAndTheVerifiedList) {
-    ScriptedSender card;
-    card.expect(kSelectAid, kOk);
-    CAppletIdprotect applet(&card);
-    IAppPin* pin = applet.pin();
+TEST_F(Idprotect, PinSelectReadsCountersAndTheVerifiedList) {
+    IAppPin* pin = applet->pin();
     const std::string list = "80 CE 00 00 00";
     const auto select = [&](TPath p) { return [=] { pin->select(p); }; };
     const auto pinObject = [](WORD id) { return "80 A4 08 0C 04 3F 00 " + word(id) + "00"; };

@@ -95,7 +95,7 @@ std::vector<std::string> pinStep(const std::string& word, std::vector<std::strin
     return before;
 }
 
-TEST(Ticket, LoginTakesTheStepsTheTicketCallsFor) {
+TEST(Ticket, LoginTakesTheStepsTheTicketCallsForAndTheFingerprintDriver) {
     ScriptedSender card;
     card.play({kSelectAid, kOk, kSelect[0], kSelect[1], "80 A4 08 0C 06 3F 00 30 00 30 02 00",
                "62 04 86 02 00 25 90 00"});
@@ -115,12 +115,8 @@ TEST(Ticket, LoginTakesTheStepsTheTicketCallsFor) {
             // clang-format on
         },
         pin);
-}
 
-TEST(Bio, MatchOnCardInPartsOf254FingersAndLoginType) {
-    ScriptedSender card;
-    card.expect(kSelectAid, kOk);
-    CAppletIdprotect applet(&card);
+    // The fingerprint driver: match on card in parts of 254, the fingers, the login type.
     IAppBio* bio = applet.bio();
     TBytes result;
     const auto match = [&](std::size_t size) {

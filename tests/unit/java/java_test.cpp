@@ -111,28 +111,6 @@ TEST(JavaFileSystem, CommandsOfBothDialects) {
     }
 }
 
-TEST(JavaFileSystem, SelectReadsEachTagAlone) {
-    const std::pair<std::string, std::vector<int>> rows[] = {
-        {fileAnswer(300, 0x11, 0x21), {1, 300, 0x11, 0x21}},
-        {kDirAnswer, {2, 0, 0, 0x21}},
-        {kOk, {0, 0, 0xFF, 0xFF}},
-        {"03 02 00 10 04 02 07 08 90 00", {0, 16, 7, 8}},             // no type: read as a file
-        {"01 01 02 03 01 05 04 01 07 90 00", {1, 5, 0xFF, 0xFF}},     // one access byte for a file
-        {"01 01 02 03 02 00 09 04 09 00 90 00", {1, 9, 0xFF, 0xFF}},  // access runs past the end
-    };
-    Card card(kDialects[0]);
-    IAppFS* fs = card.applet->fs();
-    for (const auto& [answer, want] : rows) {
-        card.sender.play({home(card.d, "00 01"), answer});
-        fs->select({0x0001});
-        EXPECT_EQ(fields(fs->info()), want) << answer;
-    }
-    // A refused select changes nothing.
-    card.sender.play({home(card.d, "00 02"), "67 07"});
-    EXPECT_EQ(failureCode([&] { fs->select({0x0002}); }), code(0x6A82));
-    EXPECT_EQ(fields(fs->info()), rows[std::size(rows) - 1].second);
-}
-
 TEST(JavaFileSystem, ListPagesAndBadAnswers) {
     Card card(kDialects[1]);
     IAppFS* fs = card.applet->fs();
@@ -152,9 +130,26 @@ TEST(JavaFileSystem, ListPagesAndBadAnswers) {
     EXPECT_EQ(fs->list(2), TPath());
 }
 
-TEST(JavaFileSystem, LimitsRefusalsAndTheMarker) {
+TEST(JavaFileSystem, SelectTagsLimitsRefusalsAndTheMarker) {
+    const std::pair<std::string, std::vector<int>> rows[] = {
+        {fileAnswer(300, 0x11, 0x21), {1, 300, 0x11, 0x21}},
+        {kDirAnswer, {2, 0, 0, 0x21}},
+        {kOk, {0, 0, 0xFF, 0xFF}},
+        {"03 02 00 10 04 02 07 08 90 00", {0, 16, 7, 8}},             // no type: read as a file
+        {"01 01 02 03 01 05 04 01 07 90 00", {1, 5, 0xFF, 0xFF}},     // one access byte for a file
+        {"01 01 02 03 02 00 09 04 09 00 90 00", {1, 9, 0xFF, 0xFF}},  // access runs past the end
+    };
     Card card(kDialects[0]);
     IAppFS* fs = card.applet->fs();
+    for (const auto& [answer, want] : rows) {
+        card.sender.play({home(card.d, "00 01"), answer});
+        fs->select({0x0001});
+        EXPECT_EQ(fields(fs->info()), want) << answer;
+    }
+    // A refused select changes nothing.
+    card.sender.play({home(card.d, "00 02"), "67 07"});
+    EXPECT_EQ(failureCode([&] { fs->select({0x0002}); }), code(0x6A82));
+    EXPECT_EQ(fields(fs->info()), rows[std::size(rows) - 1].second);
     TPath deep{0x3F00};
     std::string ids;
     for (WORD id = 1; id < 30; ++id) deep.push_back(id), ids += apdu("%02X %02X ", 0, id);

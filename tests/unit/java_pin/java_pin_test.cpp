@@ -7,14 +7,14 @@
 
 #include "token/apppack/pack_joker.h"
 #include "token/apppin/pin_joker.h"
+#include "unit/java_oracle.h"
 #include "unit/scripted_sender.h"
 
 namespace {
 
 using namespace krfs_test;
-using Keys = std::vector<TBytes>;
+using namespace oracle::java;
 using Paths = std::vector<TPath>;
-using uc = unsigned char;
 const TBytes kOk = hex("90 00");
 const TPath kSaltFile{0x000F}, kUp{0x3F00, 0x6666};
 const std::string kStatus = "23 01 03 06 01 0A 20 01 00 90 00";
@@ -24,31 +24,9 @@ Keys keysOf(const TBytes& pin) {
     for (int i = 0; i < 5; ++i) k.push_back(oracle::saltedKey(i, pin, kSalt));
     return k;
 }
-TBytes cbc(const TBytes& key, const TBytes& iv, const TBytes& data) {  // 0x80 padding
-    return oracle::evp("DES-EDE3-CBC", key, iv, oracle::isoPad(data), true);
-}
-TBytes mac3(const TBytes& key, const TBytes& data) {
-    const TBytes c = cbc(key, TBytes(8, 0), data);
-    return TBytes(c.end() - 8, c.end());
-}
-TBytes withLength(const TBytes& head, std::size_t n, uc escape) {
-    return n > 254 ? cat({head, {escape, uc(n >> 8), uc(n)}}) : cat({head, {uc(n)}});
-}
-// What the card takes for `apdu` wrapped under session keys `k` and its challenge `c`.
-TBytes wrapped(const Keys& k, TBytes c, const TBytes& apdu, const TBytes& iv, const TBytes& h) {
-    TBytes header, data;
-    unsigned short le = 0;
-    IAPDUDefinitions::parse_capdu(apdu, header, data, le);
-    header[0] |= 0x04, ++c[7];
-    const TBytes e = cbc(k[1], iv, data);
-    const TBytes body =
-        cat({withLength({0x32}, e.size(), 0xFF), e, {0x22, 8}, iv, hex("340201 3E 3308"), h});
-    const TBytes head = cat({withLength(header, body.size() + 10, 0x00), body, {0x0D, 8}});
-    return cat({head, mac3(k[2], cat({head, c})), {uc((le + 0x20) >> 8), uc(le + 0x20)}});
-}
 // A protected answer: `part` and its MAC under key 4.
 TBytes framed(const Keys& k, const TBytes& h, const TBytes& part, const TBytes& sw = kOk) {
-    return cat({part, {0x0D, 8}, mac3(k[4], cat({part, h, sw, {0x0D, 8}})), sw});
+    return cat({part, {0x0D, 8}, mac(k[4], cat({part, h, sw, {0x0D, 8}})), sw});
 }
 TBytes reply(const Keys& k, const TBytes& h, const TBytes& data) {
     if (data.empty()) return framed(k, h, hex("99 02 90 00"));
@@ -68,20 +46,16 @@ struct FakeFS : IAppFS {
     Paths selected;
     TPath failing{0xFFFF};
 };
-struct FakeInfo : IAppInfo {
-    bool isFips() override { return fips; }
-    bool fips = false;
-};
 struct JavaApplet : IApplet {
     JavaApplet(ISender* s, bool joker) : IApplet(s) {
         error_.reset(joker ? static_cast<IAppError*>(new CErrorJoker) : new CErrorJava);
         pack_.reset(joker ? new CPackJoker(this) : new CPackJava(this));
         pin_.reset(joker ? new CPinJoker(this) : new CPinJava(this));
         fs_.reset(fs = new FakeFS);
-        info_.reset(fips = new FakeInfo);
+        info_.reset(fips = new FixedInfo(this, false));
     }
     FakeFS* fs;
-    FakeInfo* fips;
+    FixedInfo* fips;
 };
 
 struct Dialect {
@@ -189,7 +163,7 @@ TEST(JavaPin, LoginCountsDownAndTakesTheKeyOfTheMode) {
     }
 }
 
-TEST(JavaPin, AdministratorBranchOnJavaOnly) {
+TEST(JavaPin, AdministratorOnJavaOnlyThenPlainChangeUnblockAndLogout) {
     for (const Dialect& d : kDialects) {
         Rig r(d);
         r.pack->keySet(3, hex("0102"));  // an earlier user login
@@ -200,20 +174,16 @@ TEST(JavaPin, AdministratorBranchOnJavaOnly) {
             (std::vector<int>{6, 16, d.joker ? 255 : 2, d.joker ? 255 : 3, d.joker ? 0x10 : 0xFF}));
         r.authenticate(0x21, d.joker ? keysOf(kPin)[3] : oracle::plainKey(kPin));
         r.pin->login(kPin);
-        const TBytes key = d.joker ? keysOf(kNewPin)[3] : oracle::plainKey(kNewPin);
-        r.changed(d.change, 0x21, key);
+        const TBytes adminKey = d.joker ? keysOf(kNewPin)[3] : oracle::plainKey(kNewPin);
+        r.changed(d.change, 0x21, adminKey);
         r.refresh();
         r.pin->change(kNewPin);
         EXPECT_EQ(r.fs, (d.joker ? Paths{kSaltFile, {}, kSaltFile, {}} : Paths{kUp, kUp}));
-        EXPECT_EQ(r.pack->keyGet(3), d.joker ? key : hex("0102"));
+        EXPECT_EQ(r.pack->keyGet(3), d.joker ? adminKey : hex("0102"));
         r.pin->select(r.pin->pathGlobal());  // sends nothing, knows nothing
         EXPECT_EQ(pinFields(r.pin->info()), (std::vector<int>{6, 16, 255, 255, 0x10}));
-    }
-}
 
-TEST(JavaPin, PlainChangeUnblockAndLogout) {
-    for (const Dialect& d : kDialects) {
-        Rig r(d);
+        r.fs.clear();  // the user's plain change, unblock and logout
         r.status(0x11, kStatus);
         r.pin->select({0x0011});
         const TBytes key = keysOf(kNewPin)[3];
