@@ -9,8 +9,6 @@ namespace libapdu {
 
 namespace {
 
-constexpr unsigned char kJavaChallenge = 0x17;
-constexpr unsigned char kProprietary = 0x80;
 constexpr unsigned char kForSecureMessaging = 0x01;  // P1: the challenge guards one wrapped command
 constexpr unsigned char kClassSm = 0x04;
 constexpr std::size_t kBlock = 8;
@@ -39,14 +37,15 @@ TBytes JavaChallengeGet(IApplet* applet, const TBytes& command) {
     return answer;
 }
 
-CPackJava::CPackJava(IApplet* owner) : CPackJava(owner, kJavaChallenge) {}
+CPackJava::CPackJava(IApplet* owner) : CPackJava(owner, kJavaCommands) {}
 
-CPackJava::CPackJava(IApplet* owner, unsigned char challengeIns)
-    : CPackCommon(owner), challengeIns(challengeIns) {}
+CPackJava::CPackJava(IApplet* owner, const JavaFamilyCommands& commands)
+    : CPackCommon(owner), commands(commands) {}
 
 TBytes CPackJava::challengeGet() {
-    return JavaChallengeGet(applet, {kProprietary, challengeIns, kForSecureMessaging, 0x00,
-                                     static_cast<unsigned char>(kBlock)});
+    const JavaFamilyCommands::Header& h = commands.random;
+    return JavaChallengeGet(
+        applet, {h[0], h[1], kForSecureMessaging, 0x00, static_cast<unsigned char>(kBlock)});
 }
 
 CPackJava::CWrapped CPackJava::wrap(const TBytes& apdu, const TBytes& iv, TBytes hostChallenge) {

@@ -3,6 +3,7 @@
 // and separate keys for the two directions.
 #pragma once
 
+#include "token/appfs/fs_javafamily.h"
 #include "token/apppack/pack_common.h"
 
 namespace libapdu {
@@ -39,13 +40,13 @@ public:
 
 protected:
     // The dialects differ only in the instruction that fetches the challenge.
-    CPackJava(IApplet* owner, unsigned char challengeIns);
+    CPackJava(IApplet* owner, const JavaFamilyCommands& commands);
 
 private:
     // Checks and decrypts a protected answer whose status word was good.
     TBytes open(const TBytes& answer, const TBytes& hostChallenge);
 
-    const unsigned char challengeIns;
+    const JavaFamilyCommands& commands;
 };
 
 // Sends a Java-family challenge command and returns the card's 8 bytes; any

@@ -2,10 +2,6 @@
 
 namespace libapdu {
 
-namespace {
-constexpr unsigned char kJokerChallenge = 0x12;
-}
-
-CPackJoker::CPackJoker(IApplet* owner) : CPackJava(owner, kJokerChallenge) {}
+CPackJoker::CPackJoker(IApplet* owner) : CPackJava(owner, kJokerCommands) {}
 
 }  // namespace libapdu

@@ -11,12 +11,11 @@ namespace libapdu {
 namespace {
 
 const CJavaPinDialect kJava = {
+    kJavaCommands,
     0x07,  // status
-    0x17,  // challenge
     0x11,  // authenticate
     0x0F,  // change
     0x13,  // unblock
-    0x1B,  // refresh volatile state
     true,  // administrator branch
     true,  // directory by PIN
 };
@@ -37,8 +36,6 @@ const TPath kSaltFile = {0x000F};
 constexpr std::size_t kSaltSize = 20;
 constexpr std::size_t kKeySize = 24;
 constexpr std::size_t kChallengeSize = 8;
-constexpr std::size_t kMarkerSize = 16;
-constexpr unsigned char kMarkerBit = 0x01;  // keeps a fresh marker from being all zero
 
 constexpr WORD kLoggedIn = 0x00FF;
 constexpr WORD kLoggedOut = 0x0000;
@@ -138,8 +135,9 @@ TBytes CPinJava::saltGet() {
 }
 
 TBytes CPinJava::challengeGet() {
-    return JavaChallengeGet(applet, {kProprietary, dialect.insChallenge, 0x00, 0x00,
-                                     static_cast<unsigned char>(kChallengeSize)});
+    const JavaFamilyCommands::Header& h = dialect.commands.random;
+    return JavaChallengeGet(applet,
+                            {h[0], h[1], 0x00, 0x00, static_cast<unsigned char>(kChallengeSize)});
 }
 
 void CPinJava::keyGen(const TBytes& pin) {
@@ -260,11 +258,6 @@ void CPinJava::unblock(const TBytes& pin) {
     volatile_update();
 }
 
-void CPinJava::volatile_update() {
-    TBytes marker(kMarkerSize);
-    crypto_random(marker.data(), marker.size());
-    marker[0] |= kMarkerBit;
-    sendChecked(command(dialect.insRefresh, 0x00, marker));
-}
+void CPinJava::volatile_update() { JavaFamilyChangeMarker(*applet, dialect.commands); }
 
 }  // namespace libapdu

@@ -6,18 +6,18 @@
 
 #include <vector>
 
+#include "token/appfs/fs_javafamily.h"
 #include "token/apppin/pin_common.h"
 
 namespace libapdu {
 
 // What sets one applet's PIN dialogue apart from the other's.
 struct CJavaPinDialect {
+    const JavaFamilyCommands& commands;  // the challenge and the change marker
     unsigned char insStatus;
-    unsigned char insChallenge;
     unsigned char insAuthenticate;
     unsigned char insChange;
     unsigned char insUnblock;  // 0: the applet cannot unblock
-    unsigned char insRefresh;
     // The administrator has its own branch: its status is read, and its key
     // is the unsalted one, presented from 3F00 6666.
     bool adminBranch;

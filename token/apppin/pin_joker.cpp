@@ -5,12 +5,11 @@ namespace libapdu {
 namespace {
 
 const CJavaPinDialect kJoker = {
+    kJokerCommands,
     0x14,   // status
-    0x12,   // challenge
     0x10,   // authenticate
     0x18,   // change
     0x00,   // no unblock
-    0x1D,   // refresh volatile state
     false,  // no administrator branch
     false,  // always the PIN's directory
 };
