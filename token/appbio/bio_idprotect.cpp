@@ -17,8 +17,6 @@ constexpr std::size_t kChallengeSize = 8;
 constexpr std::size_t kMatchResult = 20;
 
 const TPath kFingerprintObject = {0x3F00, 0x0023};
-const TBytes kLoginObject = {0x80, 0xA4, 0x08, 0x0C, 0x06, 0x3F,
-                             0x00, 0x30, 0x00, 0x30, 0x02, 0x00};
 const TBytes kGetChallenge = {0x00, 0x84, 0x00, 0x00, static_cast<unsigned char>(kChallengeSize)};
 
 constexpr unsigned char kTagFcp = 0x62;
@@ -76,7 +74,7 @@ void CBioIdprotect::select(const TPath& p) {
 
 unsigned int CBioIdprotect::loginType() {
     TBytes response(kBioAnswer);
-    send(kLoginObject, response);
+    send(IdprotectSelectByPath(IdprotectLoginObject()), response);
     checkSW(response);
     const CBERTLV all(response.data(), dataLength(response));
     const CBERTLV access = all.getChild(kTagFcp).getChild(kTagAccess);

@@ -122,14 +122,23 @@ WORD CFSIdprotect::selectName(TPath relative) {
     }
 }
 
-void CFSIdprotect::selectSimple(TPath realPath) {
+TBytes IdprotectSelectByPath(const TPath& path) {
     // Lc is one byte: two per identifier.
-    if (realPath.size() > 127) APDU_RAISE(0x6B00);
-    TBytes command{0x80, 0xA4, 0x08, 0x0C, static_cast<unsigned char>(2 * realPath.size())};
-    for (WORD id : realPath) add_w(command, id);
+    if (path.size() > 127) APDU_RAISE(0x6B00);
+    TBytes command{0x80, 0xA4, 0x08, 0x0C, static_cast<unsigned char>(2 * path.size())};
+    for (WORD id : path) IAPDUDefinitions::add_w(command, id);
     command << 0x00;
+    return command;
+}
+
+const TPath& IdprotectLoginObject() {
+    static const TPath kPath = {0x3F00, 0x3000, 0x3002};
+    return kPath;
+}
+
+void CFSIdprotect::selectSimple(TPath realPath) {
     TBytes response(kLongAnswer);
-    send(command, response);
+    send(IdprotectSelectByPath(realPath), response);
     checkSW(response);
 
     // Each reading stands alone; one that finds its tag missing or short

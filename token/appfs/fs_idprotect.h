@@ -8,6 +8,13 @@
 
 namespace libapdu {
 
+// 80 A4 08 0C Lc path 00: select by path, two bytes per identifier, high
+// byte first. A path too long for one length byte raises 0x6B00.
+TBytes IdprotectSelectByPath(const TPath& path);
+
+// The login object 3F00 3000 3002, whose access tag names the login type.
+const TPath& IdprotectLoginObject();
+
 class CFSIdprotect : public CFSCommon {
 public:
     explicit CFSIdprotect(IApplet* owner);

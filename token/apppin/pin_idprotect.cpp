@@ -37,8 +37,6 @@ constexpr unsigned short kMaxLength = 16;
 // The longest PIN whose length bytes in the change command still fit.
 constexpr std::size_t kLongestPin = 250;
 
-const TBytes kLoginObject = {0x80, 0xA4, 0x08, 0x0C, 0x06, 0x3F,
-                             0x00, 0x30, 0x00, 0x30, 0x02, 0x00};
 const TBytes kListVerified = {0x80, 0xCE, 0x00, 0x00, 0x00};
 const TBytes kPrepareUnblock = {0x80, 0x2C, 0x00, 0x00, 0x00};
 
@@ -63,7 +61,7 @@ void checkNewPin(const TBytes& pin) {
 
 void CPinIdprotect::NamesInitProc() {
     TBytes response(kLongAnswer);
-    send(kLoginObject, response);
+    send(IdprotectSelectByPath(IdprotectLoginObject()), response);
     checkSW(response);
     unsigned char user = 0;
     try {
@@ -76,15 +74,6 @@ void CPinIdprotect::NamesInitProc() {
     // The identifier of the user's PIN object is the card's login type.
     setPaths(PinPaths(TPinFamily::Idprotect, user));
     plain = {pin_id::IdprotectRoot, pin_id::IdprotectFourth};
-}
-
-TBytes IdprotectSelectByPath(const TPath& path) {
-    // Lc is one byte: two per identifier.
-    if (path.size() > 127) APDU_RAISE(0x6B00);
-    TBytes command{0x80, 0xA4, 0x08, 0x0C, static_cast<unsigned char>(2 * path.size())};
-    for (WORD id : path) IAPDUDefinitions::add_w(command, id);
-    command << 0x00;
-    return command;
 }
 
 TBytes CPinIdprotect::controlParameters(const TPath& path, std::size_t answerSize) {

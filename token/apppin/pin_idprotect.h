@@ -5,13 +5,10 @@
 // of a PIN logs in by a fingerprint proof, a PIN, or both.
 #pragma once
 
+#include "token/appfs/fs_idprotect.h"
 #include "token/apppin/pin_common.h"
 
 namespace libapdu {
-
-// 80 A4 08 0C Lc path 00: select by path, two bytes per identifier, high
-// byte first. A path too long for one length byte raises 0x6B00.
-TBytes IdprotectSelectByPath(const TPath& path);
 
 class CPinIdprotect : public CPinCommon {
 public:
