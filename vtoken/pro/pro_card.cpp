@@ -73,10 +73,7 @@ constexpr unsigned char kControlOk = 0x00;
 constexpr unsigned char kControlFailed = 0x01;
 
 void appendTlv(Bytes& out, unsigned char tag, const Bytes& value) {
-    out.push_back(tag);
-    if (value.size() >= 0x80) out.push_back(0x81);
-    out.push_back(static_cast<unsigned char>(value.size()));
-    out.insert(out.end(), value.begin(), value.end());
+    append(out, tlv(tag, value, TlvLengths::kBer));
 }
 
 // The tags of a create template, one level. Nothing on a malformed one.
