@@ -26,6 +26,10 @@ const Bytes& defaultAtr() {
 
 Applet::~Applet() = default;
 
+void Applet::addKey(const RsaKey&, const std::string&) {
+    throw std::invalid_argument("the " + kind() + " applet keeps no keys");
+}
+
 JavaCard::JavaCard(Bytes atr, std::vector<std::unique_ptr<Applet>> applets)
     : atr_(std::move(atr)), applets_(std::move(applets)) {
     if (atr_.size() < 2 || atr_.size() > 33)

@@ -7,6 +7,7 @@
 #include "core/apdu.h"
 #include "core/card.h"
 #include "core/faults.h"
+#include "core/rsa_key.h"
 
 #include <nlohmann/json.hpp>
 
@@ -39,6 +40,11 @@ public:
     // Power-up, power-off, reset, or another applet selected: the volatile
     // state (login, session) goes.
     virtual void deselect() {}
+
+    // `krfs-vtoken add-key`: stores the key and its certificate in the
+    // applet's own layout under the container name `id`. An applet that
+    // keeps no keys throws std::invalid_argument.
+    virtual void addKey(const RsaKey& key, const std::string& id);
 
     // What the state file keeps, and the developer's view of it.
     virtual nlohmann::ordered_json save() const = 0;

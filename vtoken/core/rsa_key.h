@@ -1,0 +1,31 @@
+// RSA keys of the virtual tokens: made with OpenSSL together with a
+// self-signed certificate, kept in the state file, and used only on the card.
+#pragma once
+
+#include "core/bytes.h"
+
+#include <optional>
+#include <string>
+
+namespace vtoken {
+
+struct RsaKey {
+    Bytes privateKey;   // PKCS#8 DER; stays in the state, no command reveals it
+    Bytes certificate;  // DER X.509, self-signed, subject CN = the given name
+    Bytes modulus;      // big-endian, without a leading zero byte
+
+    std::size_t bytes() const { return modulus.size(); }
+};
+
+// A new key pair of `bits` (1024 or 2048) with its certificate; throws
+// std::invalid_argument for another size, std::runtime_error if OpenSSL fails.
+RsaKey makeRsaKey(int bits, const std::string& commonName);
+
+// The key from its stored private part (the certificate is the caller's).
+RsaKey rsaKeyFromPrivate(const Bytes& privateKey, const Bytes& certificate);
+
+// The raw private-key operation: `block` must be as long as the modulus and
+// smaller than it, else nothing.
+std::optional<Bytes> rsaPrivateRaw(const Bytes& privateKey, const Bytes& block);
+
+}  // namespace vtoken
