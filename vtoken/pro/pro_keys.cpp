@@ -401,7 +401,9 @@ Bytes ProCard::manageEnvironment(const Command& c) {
             const unsigned char kk = c.data[2];
             if (kk < 3 || kk % 2 == 0) return respond(sw::kDataNotFound);
             const unsigned reference = (kk - 1) / 2 - 1;
-            return current([&](const ProKey& k) { return k.reference == reference; });
+            // Keys of the FIPS layout have no reference.
+            return current(
+                [&](const ProKey& k) { return k.directory == 0 && k.reference == reference; });
         }
         case kRestoreKeyDir: {
             if (!c.data.empty()) return respond(sw::kWrongLength);

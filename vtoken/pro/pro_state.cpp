@@ -203,19 +203,17 @@ Bytes fileAccess(unsigned char read, unsigned char update) {
 
 Bytes dirAccess(unsigned char create) { return rights(create, right::kNever, create, create, 8); }
 
-Node makeDir(std::uint16_t id, Bytes access) {
-    Node n;
-    n.id = id;
-    n.dir = true;
-    n.access = std::move(access);
-    return n;
-}
-
 Node makeFile(std::uint16_t id, Bytes access, Bytes data) {
     Node n;
     n.id = id;
     n.access = std::move(access);
     n.data = std::move(data);
+    return n;
+}
+
+Node makeDir(std::uint16_t id, Bytes access) {
+    Node n = makeFile(id, std::move(access), {});
+    n.dir = true;
     return n;
 }
 

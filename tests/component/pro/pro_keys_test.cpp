@@ -187,6 +187,7 @@ TEST(ProKeys, FipsLayoutAndDecipherUnderTheHostsSecureMessaging) {
 
     EXPECT_EQ(send(card, "00 A4 08 0C 06 66 66 50 00 02 20"), "90 00");
     EXPECT_EQ(send(card, "00 22 03 33 00"), "6A 88") << "not in a key directory";
+    EXPECT_EQ(send(card, "00 22 01 B8 03 83 01 03 00"), "6A 88") << "a FIPS key has no R";
 }
 
 TEST(ProKeys, RefusedKeysLeaveTheStateAndStoredKeysSurviveTheStateFile) {
