@@ -283,10 +283,6 @@ void addKey(ProState& state, const RsaKey& given, const std::string& id) {
         if (key.modulus.empty()) key.modulus = rsaKeyFromPrivate(key.privateKey, {}).modulus;
         if (key.bytes() != 128 && key.bytes() != 256)
             throw std::invalid_argument("a key has 1024 or 2048 bits");
-        // The host's FIPS driver takes keys of 128 bytes, and its secure
-        // messaging carries only a short command.
-        if (state.fips && key.bytes() != 128)
-            throw std::invalid_argument("a FIPS Pro token keeps 1024-bit keys only");
     }
     for (const auto& c : storedCertificates(state))
         if (c.id == id) throw std::invalid_argument("the token has a container " + id + " already");

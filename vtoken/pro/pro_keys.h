@@ -26,8 +26,9 @@ constexpr std::uint16_t kCertificateFile = 0x0002;
 // label fields take the certificate's common name. Throws
 // std::invalid_argument, leaving the state as it was, for an id the layout
 // cannot hold (1 to 64 bytes, no zero byte, '=', '&' or line break) or one the
-// token has already, a key that is not 1024 or 2048 bits (a FIPS token keeps
-// 1024-bit keys only), or a token without the room.
+// token has already, a key that is not 1024 or 2048 bits, or a token without
+// the room. A FIPS token takes a 2048-bit key, but the host's secure
+// messaging, one short command each way, carries only a 1024-bit decipher.
 void addKey(ProState& state, const RsaKey& key, const std::string& id);
 
 // The containers the host would list: keys, and certificates without one.
