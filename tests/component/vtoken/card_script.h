@@ -85,6 +85,14 @@ inline const vtoken::RsaKey& testKey(int bits) {
     return at->second;
 }
 
+// A block below every modulus of its size.
+inline vtoken::Bytes plainBlock(std::size_t size) {
+    vtoken::Bytes b(size);
+    for (std::size_t i = 0; i < size; ++i) b[i] = static_cast<unsigned char>(i * 7 + 1);
+    b[0] = 0x00;
+    return b;
+}
+
 // `plain` under the certificate's public key by raw RSA, with OpenSSL: the
 // block that the card's private key must turn back into `plain`.
 inline vtoken::Bytes rsaPublicRaw(const vtoken::Bytes& certificate, const vtoken::Bytes& plain) {

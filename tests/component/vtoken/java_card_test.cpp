@@ -275,14 +275,6 @@ std::string decipher(const Dialect& d, const Bytes& block) {
            " 04 00";
 }
 
-// A block below every modulus of its size.
-Bytes plainBlock(std::size_t size) {
-    Bytes b(size);
-    for (std::size_t i = 0; i < size; ++i) b[i] = static_cast<unsigned char>(i * 7 + 1);
-    b[0] = 0x00;
-    return b;
-}
-
 TEST(JavaCard, KeysLayoutQueryAndDecipher) {
     const struct {
         int bits;
