@@ -5,7 +5,6 @@
 
 #include "libapdu/exception.h"
 #include "token/appcry/cry_common.h"
-#include "token/appfs/fs_common.h"
 
 namespace libapdu {
 
@@ -20,16 +19,6 @@ namespace {
 // Certificate fields after 1 byte, its id the second; the key's id the fifth
 // field after its prefix; every key 128 bytes.
 constexpr CFieldFinder::Layout kFipsLayout{1, 1, 4, 128};
-
-TPath child(TPath path, WORD id) {
-    path.push_back(id);
-    return path;
-}
-
-TBytes readFile(CAdapter& adapter, const TPath& path) {
-    adapter.fs->select(path);
-    return FileRead(adapter);
-}
 
 // One byte of the file at `path`.
 unsigned char readByte(CAdapter& adapter, const TPath& path, WORD offset) {
@@ -105,7 +94,7 @@ void CPro4Finder::getcerts() {
         CCryptoInfo cert = object(child(kCertificates, id));
         TBytes record;
         try {
-            record = readFile(adapter, cert.path);
+            record = readFile(cert.path);
         } catch (const IException&) {
             continue;
         }
@@ -123,13 +112,13 @@ void CPro4Finder::getkeys() {
     keys.clear();
     TBytes table;
     try {
-        table = readFile(adapter, kSizeTable);
+        table = readFile(kSizeTable);
     } catch (const IException&) {
         // No table: every lookup falls outside it and finds no key.
     }
     TBytes map;
     try {
-        map = readFile(adapter, kMap);
+        map = readFile(kMap);
     } catch (const IException&) {
         return;
     }
