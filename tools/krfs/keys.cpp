@@ -107,13 +107,14 @@ private:
     bool loggedIn_ = false;
 };
 
-TBytes readBlock(const std::string& file) {
-    if (file.empty()) {
-        return TBytes(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
-    }
-    std::ifstream in(file, std::ios::binary);
-    if (!in) throw std::invalid_argument("cannot open " + file);
+TBytes readBlock(std::istream& in) {
     return TBytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+TBytes readBlock(const std::string& file) {
+    std::ifstream in(file, std::ios::binary);
+    if (!in) throw std::invalid_argument("cannot read " + file);
+    return readBlock(in);
 }
 
 void writeResult(const std::string& file, const TBytes& data) {
@@ -126,7 +127,7 @@ void writeResult(const std::string& file, const TBytes& data) {
     std::ofstream out(file, std::ios::binary | std::ios::trunc);
     out.write(reinterpret_cast<const char*>(data.data()),
               static_cast<std::streamsize>(data.size()));
-    if (!out.flush()) throw std::runtime_error("cannot write " + file);
+    if (!out.flush()) throw std::invalid_argument("cannot write " + file);
 }
 
 }  // namespace
@@ -166,28 +167,31 @@ int cmdKeys(const Common& c) {
 int cmdDecrypt(const Common& c, const std::string& keyPath, const std::string& in,
                const std::string& out, bool pkcs1) {
     const TPath path = parseKeyPath(keyPath);
-    // The PIN comes first: with --pin-stdin it is the first line before the block.
+    TBytes block;
+    if (!in.empty()) block = readBlock(in);
     KeyToken token(c, true);
-    const TBytes block = readBlock(in);
+    // On standard input a PIN read from there is the line before the block.
+    if (in.empty()) block = readBlock(std::cin);
     libapdu::IAppCrypto* crypto = token.crypto();
     const libapdu::CCryptoInfo info = attempt("selecting " + keyPath, [&] {
         crypto->select(path);
         return crypto->info();
     });
+    TBytes result;
     try {
         if (info.privateKey.empty())
             throw std::invalid_argument(formatKeyPath(path) + " holds no private key");
         if (block.size() != info.size)
             throw std::invalid_argument("the block is " + std::to_string(block.size()) +
                                         " bytes, the key " + std::to_string(info.size));
-        TBytes result = attempt("decrypting", [&] { return crypto->decrypt(block); });
+        result = attempt("decrypting", [&] { return crypto->decrypt(block); });
         if (pkcs1) result = unpadPkcs1Type2(result);
-        writeResult(out, result);
     } catch (const std::invalid_argument& e) {
         // Data that does not fit the key is no usage error.
         std::cerr << "krfs: " << e.what() << "\n";
         return 1;
     }
+    writeResult(out, result);
     return 0;
 }
 

@@ -25,6 +25,7 @@ const Meaning kMeanings[] = {
     {0x80004005, "unspecified failure"},
     {0x8007000E, "out of memory"},
     {0x80100017, "reader unavailable"},
+    {0x80100009, "unknown reader"},
     {0x8010000C, "no smart card"},
     {0x8010001D, "no PC/SC service"},
     {0x8010002E, "no readers"},
