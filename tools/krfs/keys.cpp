@@ -107,6 +107,12 @@ private:
     bool loggedIn_ = false;
 };
 
+// The key's length in bytes: the certificate's modulus when there is one, as
+// the FIPS Pro lists every key at 128 bytes whatever its modulus.
+std::size_t keyLength(const libapdu::CCryptoInfo& info) {
+    return info.publicKey.empty() ? info.size : info.publicKey.size();
+}
+
 TBytes readBlock(std::istream& in) {
     return TBytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
@@ -147,7 +153,7 @@ int cmdKeys(const Common& c) {
         const auto cert = certificateFields(info.certificate);
         const bool hasKey = !info.privateKey.empty();
         if (c.json) {
-            json j = {{"path", where},         {"id", hexText(info.id)}, {"size", info.size},
+            json j = {{"path", where},         {"id", hexText(info.id)}, {"size", keyLength(info)},
                       {"privateKey", hasKey},  {"subject", nullptr},     {"serial", nullptr},
                       {"certificate", nullptr}};
             if (cert) j["subject"] = cert->subject, j["serial"] = cert->serial;
@@ -156,7 +162,7 @@ int cmdKeys(const Common& c) {
             continue;
         }
         std::cout << where << " id=" << (info.id.empty() ? "-" : hexText(info.id))
-                  << " size=" << info.size << " private=" << (hasKey ? "yes" : "no")
+                  << " size=" << keyLength(info) << " private=" << (hasKey ? "yes" : "no")
                   << " serial=" << (cert ? cert->serial : "-")
                   << " subject=" << (cert ? cert->subject : "-") << "\n";
     }
@@ -181,9 +187,9 @@ int cmdDecrypt(const Common& c, const std::string& keyPath, const std::string& i
     try {
         if (info.privateKey.empty())
             throw std::invalid_argument(formatKeyPath(path) + " holds no private key");
-        if (block.size() != info.size)
+        if (block.size() != keyLength(info))
             throw std::invalid_argument("the block is " + std::to_string(block.size()) +
-                                        " bytes, the key " + std::to_string(info.size));
+                                        " bytes, the key " + std::to_string(keyLength(info)));
         result = attempt("decrypting", [&] { return crypto->decrypt(block); });
         if (pkcs1) result = unpadPkcs1Type2(result);
     } catch (const std::invalid_argument& e) {
