@@ -56,7 +56,7 @@ public:
         std::unique_ptr<libapdu::ISender> owned(std::move(sender));
         token_ = libapdu::IToken::create(owned);
         attempt("locking the token", [&] { sender_->lock(); });
-        locked_ = true;
+        transaction_.sender = sender_;
         selectApplet(c.options.applet);
         if (login) {
             const std::string pin = readPin(c.pin, "PIN: ");
@@ -74,7 +74,6 @@ public:
             if (loggedIn_) token_->pin()->logout();
         } catch (...) {
         }
-        if (locked_) sender_->unlock();
     }
     KeyToken(const KeyToken&) = delete;
     KeyToken& operator=(const KeyToken&) = delete;
@@ -101,9 +100,17 @@ private:
         throw Failure(0x86E0FACEL, "finding an applet that keeps keys");
     }
 
+    // Ends the PC/SC transaction, also when the constructor fails after it.
+    struct Transaction {
+        CSCardSender* sender = nullptr;
+        ~Transaction() {
+            if (sender != nullptr) sender->unlock();
+        }
+    };
+
     CSCardSender* sender_ = nullptr;  // owned by the token
     std::unique_ptr<libapdu::IToken> token_;
-    bool locked_ = false;
+    Transaction transaction_;  // after the token: ends before the connection does
     bool loggedIn_ = false;
 };
 
