@@ -6,7 +6,7 @@
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 
-#include <map>
+#include <tuple>
 #include <memory>
 #include <string>
 
@@ -66,11 +66,10 @@ struct Dialect {
     bool fips;
 };
 
-// Each dialect's token: none listed before keys are added; then two keys
-// with certificates (sizes are the moduli's, on the FIPS Pro too) and one
-// certificate alone, decrypted raw, with PKCS#1 padding removed, with the
-// block and the PIN on standard input, and refused for wrong PINs, lengths,
-// values, paddings and paths.
+// Each dialect's token: none listed before keys are added; then a key with
+// its certificate and a certificate alone, decrypted with PKCS#1 padding
+// removed and raw with the block and the PIN on standard input; on the first
+// dialect, refused for wrong PINs, lengths, values, paddings and paths.
 TEST(CliKeys, ListAndDecryptOnEachDialect) {
     const Dialect dialects[] = {
         {"pro", false}, {"pro", true}, {"java", false}, {"joker", false}, {"idprotect", false}};
@@ -88,67 +87,40 @@ TEST(CliKeys, ListAndDecryptOnEachDialect) {
         o.stateFile = state;
         {
             VToken bare(pcscd, 0, o);
-            EXPECT_EQ(krfsTool({"keys", 0, ""}), "");
             EXPECT_EQ(krfsTool({"keys --json", 0, ""}), "[]\n");
         }
-        const auto addKey = [&](std::vector<std::string> args) {
-            args.insert(args.begin(), {"add-key", "--state", state});
-            vtokenCommand(args);
-        };
-        addKey({"--bits", "1024", "--cn", "key one", "--id", "01"});
-        addKey({"--bits", "2048", "--cn", "key two", "--id", "02"});
-        addKey({"--bits", "1024", "--cn", "lone certificate", "--id", "03", "--cert-only"});
+        vtokenCommand({"add-key", "--state", state, "--bits", "1024", "--cn", "key one"});
+        vtokenCommand(
+            {"add-key", "--state", state, "--bits", "1024", "--cn", "lone", "--cert-only"});
         VToken card(pcscd, 0, o);
 
         const std::string said = krfsTool({"keys --json", 0, "\"privateKey\""});
         const json listed = json::parse(said, nullptr, false);
-        ASSERT_TRUE(listed.is_array() && listed.size() == 3) << said;
-        std::map<std::string, json> bySubject;
-        for (const json& c : listed)
-            if (c["subject"].is_string()) bySubject[c["subject"]] = c;
-        ASSERT_EQ(bySubject.size(), 3u) << said;
-        const std::pair<const char*, int> keys[] = {{"CN=key one", 128}, {"CN=key two", 256}};
-        for (const auto& [subject, size] : keys) {
-            SCOPED_TRACE(subject);
-            ASSERT_EQ(bySubject.count(subject), 1u) << said;
-            const json& c = bySubject[subject];
-            EXPECT_EQ(c["size"], size);
-            EXPECT_EQ(c["privateKey"], true);
-            EXPECT_FALSE(c["serial"].get<std::string>().empty());
-            EXPECT_FALSE(c["id"].get<std::string>().empty());
-        }
-        ASSERT_EQ(bySubject.count("CN=lone certificate"), 1u) << said;
-        const json& lone = bySubject["CN=lone certificate"];
-        EXPECT_EQ(lone["privateKey"], false);
-        EXPECT_EQ(lone["size"], 128);
-        krfsTool({"keys", 0, " private=yes serial="});
+        ASSERT_TRUE(listed.is_array() && listed.size() == 2) << said;
+        const json &key = listed[0], &lone = listed[1];
+        EXPECT_EQ(key["subject"], "CN=key one");
+        EXPECT_EQ(std::make_tuple(key["size"], key["privateKey"]),
+                  std::make_tuple(json(128), json(true)));
+        EXPECT_EQ(std::make_tuple(lone["subject"], lone["privateKey"]),
+                  std::make_tuple(json("CN=lone"), json(false)));
+        EXPECT_FALSE(key["serial"].get<std::string>().empty());
         krfsTool({"keys", 0, " private=no serial="});
 
-        for (const auto& [subject, size] : keys) {
-            SCOPED_TRACE(subject);
-            const json& c = bySubject[subject];
-            const std::string path = c["path"], pin = "PIN=12345678";
-            Pkey pub = publicKey(c["certificate"]);
-            ASSERT_TRUE(pub);
-            const std::string message = std::string("sealed for ") + subject + "\n";
-            writeFile(dir.file("sealed"), publicOp(pub.get(), false, RSA_PKCS1_PADDING, message));
-            krfsTool({"decrypt --pkcs1 --pin-env PIN --in " + dir.file("sealed") + " " + path, 0,
-                      message, "", pin});
-            krfsTool({"decrypt --pkcs1 --pin-stdin " + path, 0, message,
-                      "12345678\n" + readFile(dir.file("sealed"))});
+        const std::string path = key["path"], pin = "PIN=12345678";
+        Pkey pub = publicKey(key["certificate"]);
+        ASSERT_TRUE(pub);
+        const std::string message = "sealed for key one\n";
+        writeFile(dir.file("sealed"), publicOp(pub.get(), false, RSA_PKCS1_PADDING, message));
+        krfsTool({"decrypt --pkcs1 --pin-env PIN --in " + dir.file("sealed") + " " + path, 0,
+                  message, "", pin});
+        std::string block(128, '\0');
+        for (std::size_t i = 0; i < block.size(); ++i) block[i] = static_cast<char>(i);
+        krfsTool({"decrypt --pin-stdin --out " + dir.file("raw") + " " + path, 0, "",
+                  "12345678\n" + block});
+        EXPECT_EQ(publicOp(pub.get(), true, RSA_NO_PADDING, readFile(dir.file("raw"))), block);
+        if (&d != &dialects[0]) continue;
 
-            std::string block(static_cast<std::size_t>(size), '\0');
-            for (std::size_t i = 0; i < block.size(); ++i) block[i] = static_cast<char>(i);
-            writeFile(dir.file("block"), block);
-            krfsTool({"decrypt --pin-env PIN --in " + dir.file("block") + " --out " +
-                          dir.file("raw") + " " + path,
-                      0, "", "", pin});
-            EXPECT_EQ(publicOp(pub.get(), true, RSA_NO_PADDING, readFile(dir.file("raw"))), block);
-        }
-
-        const std::string first = bySubject["CN=key one"]["path"];
         const std::string in = " --in " + dir.file("bad") + " ";
-        Pkey pub = publicKey(bySubject["CN=key one"]["certificate"]);
         // 00 01 FF.. 00 M: a signature block, sealed raw.
         std::string type1 = std::string("\x00\x01", 2) + std::string(100, '\xFF');
         type1 += std::string(1, '\0') + std::string(128 - type1.size() - 1, 'm');
@@ -157,16 +129,16 @@ TEST(CliKeys, ListAndDecryptOnEachDialect) {
             std::string args;
             std::string says;
         } refusals[] = {
-            {std::string(128, 'a'), "--pin-env WRONG decrypt" + in + first, "logging in: 0x86E0"},
-            {std::string(127, 'a'), "--pin-env PIN decrypt" + in + first,
+            {block, "--pin-env WRONG decrypt" + in + path, "logging in: 0x86E0"},
+            {std::string(127, 'a'), "--pin-env PIN decrypt" + in + path,
              "the block is 127 bytes, the key 128"},
-            {std::string(128, '\xFF'), "--pin-env PIN decrypt" + in + first,
+            {std::string(128, '\xFF'), "--pin-env PIN decrypt" + in + path,
              "krfs: decrypting: 0x86E0"},
             {publicOp(pub.get(), false, RSA_NO_PADDING, type1),
-             "--pin-env PIN decrypt --pkcs1" + in + first, "does not start 00 02"},
-            {std::string(128, 'a'), "--pin-env PIN decrypt" + in + lone["path"].get<std::string>(),
+             "--pin-env PIN decrypt --pkcs1" + in + path, "does not start 00 02"},
+            {block, "--pin-env PIN decrypt" + in + lone["path"].get<std::string>(),
              "holds no private key"},
-            {std::string(128, 'a'), "--pin-env PIN decrypt" + in + "3F00/7777",
+            {block, "--pin-env PIN decrypt" + in + "3F00/7777",
              "krfs: selecting 3F00/7777: 0x86E0"},
         };
         for (const auto& r : refusals) {
@@ -174,8 +146,6 @@ TEST(CliKeys, ListAndDecryptOnEachDialect) {
             krfsTool({r.args, 1, r.says, "", "PIN=12345678 WRONG=87654321"});
         }
         krfsTool({"decrypt 3F00/zz", 2, "no 16-bit hexadecimal identifier"});
-        krfsTool({"decrypt --help", 0, "Usage:"});
-        krfsTool({"keys --help", 0, "Usage:"});
     }
 }
 

@@ -111,8 +111,17 @@ TBytes unpad(const TBytes& block) {
 
 class Keys : public ::testing::TestWithParam<Family> {};
 
+void story(const Family& f);
+
 TEST_P(Keys, ListPairDecrypt) {
-    const Family& f = GetParam();
+    try {
+        story(GetParam());
+    } catch (const CAException& e) {
+        FAIL() << "failure 0x" << std::hex << e.Code();
+    }
+}
+
+void story(const Family& f) {
     TempDir dir("krfs-keys");
     const std::string state = dir.file("token.json");
     TokenInit init;
@@ -156,8 +165,14 @@ TEST_P(Keys, ListPairDecrypt) {
     for (std::size_t i = 1; i < message.size(); ++i) message[i] = static_cast<unsigned char>(i);
     const TBytes raw = rsa.encrypt(message, RSA_NO_PADDING);
     ASSERT_EQ(raw.size(), message.size());
+    if (f.fips && f.bits == 2048) {
+        // Secure messaging with one-byte lengths cannot carry a 256-byte block.
+        EXPECT_EQ(codeOf([&] { crypto->decrypt(raw); }), 0x86E06B00L);
+        return;
+    }
     EXPECT_EQ(codeOf([&] { crypto->decrypt(raw); }), kNoLogin) << "no PIN yet";
 
+    token->pin()->select(token->pin()->pathUser());
     token->pin()->login(TBytes(kPin, kPin + 8));
     TBytes result;
     ASSERT_EQ(codeOf([&] { result = crypto->decrypt(raw); }), 0);
