@@ -5,7 +5,6 @@
 // Every failure must be an IException; reads stay inside the data (ASan).
 #include <cstddef>
 #include <cstdint>
-#include <map>
 
 #include "crypto/rsa_helpers.h"
 #include "fuzz_check.h"
@@ -15,38 +14,13 @@
 #include "token/appcry/cry_idprotect.h"
 #include "token/appcry/cry_java.h"
 #include "token/appcry/finder_java.h"
+#include "tests/unit/mem_fs.h"
 
 using namespace libapdu;
+using krfs_test::child;
+using krfs_test::MemFS;
 
 namespace {
-
-TPath child(TPath p, WORD id) { return p.push_back(id), p; }
-
-// Files by absolute path and the directories above them.
-struct MemFS : IAppFS {
-    std::map<TPath, TBytes> files;
-    std::map<TPath, bool> dirs;
-    TPath current;
-    void select(TPath p) override {
-        if (!files.count(p) && !dirs.count(p)) APDU_RAISE(0x6A82);
-        current = p;
-    }
-    CFileInfo info() override {
-        const auto f = files.find(current);
-        return {1, static_cast<WORD>(f == files.end() ? 0 : f->second.size()), 0, 0};
-    }
-    TPath list(unsigned char) override {
-        TPath ids;
-        for (const auto& d : dirs)
-            if (child(current, d.first.back()) == d.first) ids.push_back(d.first.back());
-        return ids;
-    }
-    void read(TBytes& data, WORD) override { data = files.at(current); }
-    void put(const TPath& p, const TBytes& content) {
-        files[p] = content;
-        for (TPath d(p.begin(), p.end() - 1); !d.empty(); d.pop_back()) dirs[d] = true;
-    }
-};
 
 struct UserPin : IAppPin {
     const TPath& pathUser() override { return path; }

@@ -11,6 +11,7 @@
 #include "token/appcry/cry_idprotect.h"
 #include "token/appcry/cry_java.h"
 #include "token/appcry/finder_java.h"
+#include "unit/mem_fs.h"
 #include "unit/scripted_sender.h"
 
 namespace {
@@ -40,42 +41,6 @@ TBytes blockFor(int bits) {
     TBytes block(bits / 8, 0x11);
     return block[0] = 0x00, block;
 }
-
-TPath child(TPath p, WORD id) { return p.push_back(id), p; }
-
-// Files by absolute path, and the directories above them; selecting an absent
-// node fails with 6A82.
-struct MemFS : IAppFS {
-    std::map<TPath, TBytes> files;
-    std::map<TPath, bool> dirs;
-    TPath current;
-    void select(TPath p) override {
-        if (!files.count(p) && !dirs.count(p)) APDU_RAISE(0x6A82);
-        current = p;
-    }
-    CFileInfo info() override {
-        const auto f = files.find(current);
-        return f == files.end() ? CFileInfo(2, 0, 0, 0) : CFileInfo(1, f->second.size(), 0, 0);
-    }
-    TPath list(unsigned char kind) override {
-        TPath ids;
-        const auto take = [&](const TPath& p) {
-            if (child(current, p.back()) == p) ids.push_back(p.back());
-        };
-        for (const auto& f : files)
-            if (kind == 1) take(f.first);
-        for (const auto& d : dirs)
-            if (kind == 2) take(d.first);
-        return ids;
-    }
-    void read(TBytes& data, WORD offset) override {
-        std::copy_n(files.at(current).begin() + offset, data.size(), data.begin());
-    }
-    void put(const TPath& p, const TBytes& content) {
-        files[p] = content;
-        for (TPath d(p.begin(), p.end() - 1); !d.empty(); d.pop_back()) dirs[d] = true;
-    }
-};
 
 struct UserPin : IAppPin {
     const TPath& pathUser() override { return path; }
