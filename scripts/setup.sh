@@ -9,7 +9,7 @@ packages=(
   libutfcpp-dev libssl-dev nlohmann-json3-dev libcli11-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
-  iproute2 util-linux procps
+  iproute2 util-linux procps openssl
   libfuse3-dev fuse3
 )
 

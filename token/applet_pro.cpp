@@ -2,6 +2,7 @@
 
 #include "libapdu/exception.h"
 #include "libapdu/token_type.h"
+#include "token/appcry/cry_pro.h"
 #include "token/appfs/fs_pro.h"
 #include "token/appinfo/info_pro.h"
 #include "token/applabel/label_pro.h"
@@ -27,7 +28,8 @@ CAppletPro::CAppletPro(ISender* s) : IApplet(s) {
     if (!isPro(type)) APDU_RAISE(0xFACE);
     error_.reset(new CErrorPro);
     info_.reset(new CInfoPro(this));
-    if (&type == &TTokenType::TVandrelPro16 || &type == &TTokenType::TVandrelPro32) {
+    const bool older = &type == &TTokenType::TVandrelPro16 || &type == &TTokenType::TVandrelPro32;
+    if (older) {
         fs_.reset(new CFSPro(this));
         pin_.reset(new CPinPro(this));
     } else {
@@ -37,6 +39,8 @@ CAppletPro::CAppletPro(ISender* s) : IApplet(s) {
     // The label takes its adapter from the drivers above.
     label_.reset(new CLabelPro(this));
     pack_.reset(new CPackPro(this));
+    // Replaced by init; stays only on the oldest tokens, where init fails.
+    if (older) crypto_.reset(new CCryPro(this));
 }
 
 void CAppletPro::init() {
@@ -56,10 +60,11 @@ void CAppletPro::init() {
     installCrypto(fips);
 }
 
-void CAppletPro::installCrypto(bool /*fips*/) {
-    // Every initialised Pro token gets a Pro4-generation crypto driver, the
-    // FIPS one on a FIPS token. Until those drivers exist the slot keeps its
-    // stub, which answers 0xFACE.
+void CAppletPro::installCrypto(bool fips) {
+    if (fips)
+        crypto_.reset(new CCryPro4Fips(this));
+    else
+        crypto_.reset(new CCryPro4(this));
 }
 
 bool CAppletPro::checkIfExist(ISender* s) { return isPro(TTokenType::fromAtr(s->atr())); }

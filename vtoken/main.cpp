@@ -7,9 +7,11 @@
 #include "idprotect/idprotect_ticket.h"
 #include "persist/java_dialects.h"
 #include "persist/token_file.h"
+#include "pro/pro_keys.h"
 #include "pro/pro_state.h"
 #include "r2/r2_card.h"
 
+#include <openssl/rand.h>
 #include <signal.h>
 
 #include <cstdio>
@@ -30,7 +32,9 @@ const char kUsage[] =
     "  init     make a token and write its state file\n"
     "  serve    attach a card to a vpcd reader slot and answer it until stopped\n"
     "  show     print a token's state: identity, file tree, access, PIN objects\n"
-    "           (R2: private flags, PIN tries, label)\n"
+    "           (R2: private flags, PIN tries, label; Pro: keys and certificates)\n"
+    "  add-key  make an RSA key and its self-signed certificate and store them\n"
+    "           on a Pro token or in the key-keeping applet of a Java-card token\n"
     "  ticket   print an authentication ticket for an IDProtect token, as a\n"
     "           fingerprint front end issues it after a match\n"
     "  help     show this text\n"
@@ -57,7 +61,9 @@ const char kUsage[] =
     "  --pin-tries N     R2: wrong PINs before the PIN blocks, 1 to 255\n"
     "                    (default 10); a right PIN restores them\n"
     "  --force           replace an existing state file\n"
-    "  An R2 token takes no --model, --fips, --admin-pin or --life-cycle.\n"
+    "  --key BITS        then add-key with BITS and the defaults; repeatable\n"
+    "                    (every dialect that keeps keys)\n"
+    "  An R2 token takes no --model, --fips, --admin-pin, --life-cycle or --key.\n"
     "\n"
     "init options of the Java-card dialects (one card, applets chosen by AID):\n"
     "  --atr HEX         the card's answer to reset (default: the Java 1.0\n"
@@ -156,6 +162,18 @@ const char kUsage[] =
     "                          (SIGUSR2 brings the card back)\n"
     "  --assume-verified ID    Pro: treat PIN ID (hex) as verified in every\n"
     "                          session, without saving it; repeatable\n"
+    "\n"
+    "add-key options:\n"
+    "  --state FILE      the token (Pro, java, joker or idprotect)\n"
+    "  --bits N          1024 or 2048 (a FIPS Pro token stores both, but the\n"
+    "                    host's secure messaging carries only 1024-bit work)\n"
+    "  --cn NAME         the certificate's common name (default \"krFS key N\" on\n"
+    "                    a Pro token, N counting its containers; \"krFS key ID\"\n"
+    "                    elsewhere)\n"
+    "  --id TEXT         the container's name, which pairs key and certificate\n"
+    "                    (default 16 random hex digits)\n"
+    "  --cert-only       store only the certificate: a container without a key\n"
+    "  The private key stays in the state file; no card command reads it.\n"
     "\n"
     "show options:\n"
     "  --state FILE   the token to show\n"
@@ -319,7 +337,129 @@ int initJavaCard(const vtoken::JavaDialect& dialect, const std::vector<std::stri
     return writeState(path, text, force);
 }
 
+struct KeyRequest {
+    int bits = 0;
+    std::string cn;
+    std::string id;
+    bool certOnly = false;
+};
+
+int keyBits(const std::string& text) {
+    if (text == "1024" || text == "2048") return std::stoi(text);
+    throw std::invalid_argument("key bits: 1024 or 2048, not " + text);
+}
+
+// Makes the key and stores it on the token, which is then saved. Throws
+// std::invalid_argument for what the token cannot take.
+void addKey(vtoken::StoredToken& token, KeyRequest r) {
+    if (!token.pro() && !token.java()) throw std::invalid_argument("an R2 token keeps no keys");
+    if (r.id.empty()) {
+        unsigned char random[8];
+        if (RAND_bytes(random, sizeof random) != 1) throw std::runtime_error("no random bytes");
+        char hex[2 * sizeof random + 1];
+        for (std::size_t i = 0; i < sizeof random; ++i)
+            std::snprintf(hex + 2 * i, 3, "%02x", random[i]);
+        r.id = hex;
+    }
+    if (r.cn.empty())
+        r.cn = "krFS key " +
+               (token.pro() ? std::to_string(vtoken::pro::countContainers(token.pro()->state()) + 1)
+                            : r.id);
+    vtoken::RsaKey key = vtoken::makeRsaKey(r.bits, r.cn);
+    if (r.certOnly) key.privateKey.clear();
+    if (token.pro()) {
+        token.pro()->addKey(key, r.id);
+    } else {
+        bool stored = false;
+        for (const auto& applet : token.java()->applets()) {
+            try {
+                applet->addKey(key, r.id);
+                stored = true;
+                break;
+            } catch (const std::invalid_argument& e) {
+                if (std::string(e.what()).find("keeps no keys") == std::string::npos) throw;
+            }
+        }
+        if (!stored) throw std::invalid_argument("no applet of this token keeps keys");
+    }
+    token.save();
+    std::printf("container %s: %s%d bits, CN \"%s\"\n", r.id.c_str(),
+                r.certOnly ? "certificate only, " : "", r.bits, r.cn.c_str());
+}
+
+int addKeyCommand(const std::vector<std::string>& args) {
+    std::string path;
+    KeyRequest request;
+    try {
+        readOptions(args, path, [&](const std::string& a, Options& o) {
+            if (a == "--bits") {
+                request.bits = keyBits(o.value());
+            } else if (a == "--cn") {
+                request.cn = o.value();
+                if (request.cn.empty()) throw std::invalid_argument("--cn is not empty");
+            } else if (a == "--id") {
+                request.id = o.value();
+                if (request.id.empty()) throw std::invalid_argument("--id is not empty");
+            } else if (a == "--cert-only") {
+                request.certOnly = true;
+            } else {
+                return false;
+            }
+            return true;
+        });
+        if (path.empty() || request.bits == 0)
+            throw std::invalid_argument("add-key needs --state and --bits");
+    } catch (const std::invalid_argument& e) {
+        return usageError(e.what());
+    }
+    try {
+        vtoken::StoredToken token(path);
+        addKey(token, request);
+    } catch (const std::invalid_argument& e) {
+        return usageError(e.what());
+    } catch (const std::exception& e) {
+        return failure(e.what());
+    }
+    return 0;
+}
+
+int initToken(const std::vector<std::string>& args);
+
+// init, then add-key for each --key.
 int init(const std::vector<std::string>& args) {
+    std::vector<std::string> rest;
+    std::vector<int> keys;
+    std::string path, dialect;
+    try {
+        for (std::size_t i = 0; i < args.size(); ++i) {
+            const bool valued = i + 1 < args.size();
+            if (args[i] == "--key" && valued) {
+                keys.push_back(keyBits(args[++i]));
+                continue;
+            }
+            if (args[i] == "--state" && valued) path = args[i + 1];
+            if (args[i] == "--dialect" && valued) dialect = args[i + 1];
+            rest.push_back(args[i]);
+        }
+        if (!keys.empty() && dialect == "r2")
+            throw std::invalid_argument("an R2 token keeps no keys");
+    } catch (const std::invalid_argument& e) {
+        return usageError(e.what());
+    }
+    const int status = initToken(rest);
+    if (status != 0 || keys.empty()) return status;
+    try {
+        vtoken::StoredToken token(path);
+        for (int bits : keys) addKey(token, {bits, {}, {}, false});
+    } catch (const std::invalid_argument& e) {
+        return usageError(e.what());
+    } catch (const std::exception& e) {
+        return failure(e.what());
+    }
+    return 0;
+}
+
+int initToken(const std::vector<std::string>& args) {
     for (std::size_t i = 0; i + 1 < args.size(); ++i)
         if (args[i] == "--dialect")
             if (const vtoken::JavaDialect* d = vtoken::javaDialect(args[i + 1]))
@@ -593,6 +733,7 @@ int main(int argc, char** argv) {
     if (command == "serve") return serve(args);
     if (command == "init") return init(args);
     if (command == "show") return show(args);
+    if (command == "add-key") return addKeyCommand(args);
     if (command == "ticket") return ticket(args);
     return usageError("unknown command: " + command);
 }

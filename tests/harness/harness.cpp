@@ -276,8 +276,7 @@ std::string Pcscd::readerName(int slot) {
 std::uint16_t Pcscd::port(int slot) { return static_cast<std::uint16_t>(kFirstPort + slot); }
 
 void initToken(const std::string& path, const TokenInit& init) {
-    std::vector<std::string> argv{KRFS_VTOKEN_PATH, "init",       "--state", path,
-                                  "--dialect",      init.dialect, "--force"};
+    std::vector<std::string> argv{"init", "--state", path, "--dialect", init.dialect, "--force"};
     if (init.dialect == "pro") argv.insert(argv.end(), {"--model", init.model});
     if (init.fips) argv.push_back("--fips");
     const std::pair<const char*, std::string> values[] = {{"--label", init.label},
@@ -287,10 +286,16 @@ void initToken(const std::string& path, const TokenInit& init) {
     for (const auto& [option, value] : values)
         if (!value.empty()) argv.insert(argv.end(), {option, value});
     argv.insert(argv.end(), init.more.begin(), init.more.end());
-    TempDir dir("krfs-vtoken-init");
-    ChildProcess program(argv, dir.file("init.log"));
+    vtokenCommand(argv);
+}
+
+void vtokenCommand(const std::vector<std::string>& args) {
+    std::vector<std::string> argv{KRFS_VTOKEN_PATH};
+    argv.insert(argv.end(), args.begin(), args.end());
+    TempDir dir("krfs-vtoken-command");
+    ChildProcess program(argv, dir.file("command.log"));
     if (!program.waitExit() || !program.exitedWith(0))
-        throw std::runtime_error("krfs-vtoken init failed:\n" + program.log());
+        throw std::runtime_error("krfs-vtoken " + args.at(0) + " failed:\n" + program.log());
 }
 
 nlohmann::json readState(const std::string& path) {

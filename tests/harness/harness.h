@@ -178,6 +178,8 @@ struct TokenInit {
 };
 // Writes a fresh token's state to `path`; throws with the program's output.
 void initToken(const std::string& path, const TokenInit& init);
+// Runs `krfs-vtoken ARGS...`; throws with its output unless it succeeds.
+void vtokenCommand(const std::vector<std::string>& args);
 nlohmann::json readState(const std::string& path);
 
 struct VTokenOptions {

@@ -17,6 +17,16 @@ void CCryFinder::search() {
 
 unsigned char CCryFinder::pinUser() { return CryPinUser(adapter.pin); }
 
+TPath CCryFinder::child(TPath path, WORD id) {
+    path.push_back(id);
+    return path;
+}
+
+TBytes CCryFinder::readFile(const TPath& path) {
+    adapter.fs->select(path);
+    return FileRead(adapter);
+}
+
 void CCryFinder::unite() {
     std::vector<bool> keyPaired(keys.size(), false), certPaired(certs.size(), false);
     for (std::size_t k = 0; k < keys.size(); ++k) {
@@ -81,20 +91,6 @@ std::vector<WORD> CFieldFinder::objects(unsigned kind) {
     return found;
 }
 
-namespace {
-
-TPath child(TPath path, WORD id) {
-    path.push_back(id);
-    return path;
-}
-
-TBytes readFile(CAdapter& adapter, const TPath& path) {
-    adapter.fs->select(path);
-    return FileRead(adapter);
-}
-
-}  // namespace
-
 void CFieldFinder::getcerts() {
     for (WORD id : objects(1)) {
         CCryptoInfo cert;
@@ -102,12 +98,12 @@ void CFieldFinder::getcerts() {
         cert.algorithm = kCryAlgorithm;
         cert.path = child(kHome, id);
         try {
-            cert.certificate = readFile(adapter, child(cert.path, 0x0002));
+            cert.certificate = readFile(child(cert.path, 0x0002));
         } catch (const IException&) {
             continue;  // no certificate file: no object
         }
         try {
-            TBytes fields = readFile(adapter, child(cert.path, 0x0001));
+            TBytes fields = readFile(child(cert.path, 0x0001));
             if (fields.size() < layout.certErase) APDU_RAISE(0x6281);
             fields.erase(fields.begin(), fields.begin() + layout.certErase);
             for (unsigned i = 0; i < layout.certSkip; ++i) skip_field(fields);
@@ -129,7 +125,7 @@ void CFieldFinder::getkeys() {
         key.size = layout.keySize;
         key.path = child(kHome, id);
         try {
-            TBytes fields = readFile(adapter, child(key.path, 0x0001));
+            TBytes fields = readFile(child(key.path, 0x0001));
             if (fields.size() <= 5) APDU_RAISE(0x6281);
             // A 6-byte file leaves no field: the skip below raises.
             fields.erase(fields.begin(), fields.begin() + 6);

@@ -21,6 +21,15 @@ public:
     static const TPath kSizeTable;     // 3F00 6666 6000 ECEC
     static const TPath kMap;           // 3F00 6666 1001 1001
     static const TPath kOldKeys;       // 3F00 6666 5000 0201
+
+private:
+    // The files of `dir`; none when it cannot be listed.
+    TPath files(const TPath& dir);
+    CCryptoInfo object(const TPath& path);
+    // The key files of 6000 named by the container map.
+    void mappedKeys(const TBytes& table, const std::string& map);
+    // The key files of 5000 0201, used when the map is empty.
+    void oldKeys(const TBytes& table);
 };
 
 // Certificate attributes after 1 byte, id the second field; key id the fifth

@@ -26,4 +26,10 @@ int cmdRm(const Common& c, const std::string& path, bool recursive);
 int cmdLogin(const Common& c);
 int cmdPasswd(const Common& c);
 
+// The key containers of the token's applet, through the C++ interface.
+int cmdKeys(const Common& c);
+// The private-key operation of the container at `keyPath` on one raw block.
+int cmdDecrypt(const Common& c, const std::string& keyPath, const std::string& in,
+               const std::string& out, bool pkcs1);
+
 }  // namespace krfstool

@@ -71,6 +71,24 @@ int main(int argc, char** argv) {
     passwd->add_option("--new-pin-env", c.newPinEnv,
                        "Read the new PIN from this environment variable");
 
+    auto* keys = app.add_subcommand(
+        "keys",
+        "List the key containers: path, id, key size in bytes, whether a private key is\n"
+        "there, and the certificate's serial number and subject");
+    keys->add_flag("--json", c.json, "JSON output (with the certificate, DER in hex)");
+
+    std::string keyPath, in, out;
+    bool pkcs1 = false;
+    auto* decrypt = app.add_subcommand(
+        "decrypt",
+        "Decrypt one block with the private key of a container (always asks the PIN;\n"
+        "with the block on standard input, the PIN comes first, or from --pin-env)");
+    decrypt->add_option("KEYPATH", keyPath, "The container, as krfs keys shows it")->required();
+    decrypt->add_option("--in", in, "The block, exactly the key's length (default: stdin)");
+    decrypt->add_option("--out", out, "Where the result goes (default: stdout)");
+    decrypt->add_flag("--pkcs1", pkcs1,
+                      "Remove PKCS#1 v1.5 encryption padding; any other block fails");
+
     std::string mountpoint;
     bool foreground = false;
     auto* mount = app.add_subcommand(
@@ -102,6 +120,8 @@ int main(int argc, char** argv) {
         if (app.got_subcommand("login")) return cmdLogin(c);
         if (passwd->parsed()) return cmdPasswd(c);
         if (mount->parsed()) return cmdMount(c, mountpoint, foreground);
+        if (keys->parsed()) return cmdKeys(c);
+        if (decrypt->parsed()) return cmdDecrypt(c, keyPath, in, out, pkcs1);
     } catch (const Failure& f) {
         std::cerr << "krfs: " << f.what() << ": " << describe(f.code) << "\n";
         return 1;

@@ -25,6 +25,7 @@ const Meaning kMeanings[] = {
     {0x80004005, "unspecified failure"},
     {0x8007000E, "out of memory"},
     {0x80100017, "reader unavailable"},
+    {0x80100009, "unknown reader"},
     {0x8010000C, "no smart card"},
     {0x8010001D, "no PC/SC service"},
     {0x8010002E, "no readers"},
@@ -116,11 +117,12 @@ std::vector<WORD> parsePath(const std::string& text) {
         if (end == std::string::npos) end = text.size();
         const std::string part = text.substr(at, end - at);
         if (!part.empty()) {
-            char* stop = nullptr;
-            const unsigned long v = std::strtoul(part.c_str(), &stop, 16);
-            if (*stop != '\0' || v > 0xFFFF || part.size() > 4)
+            // Digits only: a number parse alone would take a sign, blanks and 0x.
+            const bool digits =
+                part.find_first_not_of("0123456789abcdefABCDEF") == std::string::npos;
+            if (!digits || part.size() > 4)
                 throw std::invalid_argument("'" + part + "' is no 16-bit hexadecimal identifier");
-            path.push_back(static_cast<WORD>(v));
+            path.push_back(static_cast<WORD>(std::stoul(part, nullptr, 16)));
         }
         at = end + 1;
     }

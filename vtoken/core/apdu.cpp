@@ -2,7 +2,30 @@
 
 namespace vtoken {
 
-std::optional<Command> Command::parse(const Bytes& apdu) {
+namespace {
+
+constexpr std::size_t kExtendedLeMax = 65536;
+
+// 00 Le Le, or 00 Lc Lc with the data and perhaps two Le bytes.
+std::optional<Command> parseExtended(Command c, const Bytes& apdu) {
+    if (apdu.size() < 7) return std::nullopt;
+    const std::size_t n = wordAt(apdu, 5);
+    if (apdu.size() == 7) {
+        c.le = n ? n : kExtendedLeMax;
+        return c;
+    }
+    if (n == 0 || (apdu.size() != 7 + n && apdu.size() != 9 + n)) return std::nullopt;
+    c.data.assign(apdu.begin() + 7, apdu.begin() + 7 + static_cast<std::ptrdiff_t>(n));
+    if (apdu.size() == 9 + n) {
+        const std::size_t le = wordAt(apdu, 7 + n);
+        c.le = le ? le : kExtendedLeMax;
+    }
+    return c;
+}
+
+}  // namespace
+
+std::optional<Command> Command::parse(const Bytes& apdu, bool extended) {
     if (apdu.size() < 4) return std::nullopt;
     Command c;
     c.cla = apdu[0];
@@ -15,8 +38,7 @@ std::optional<Command> Command::parse(const Bytes& apdu) {
         c.le = first == 0 ? 256 : first;
         return c;
     }
-    // Lc 00 would start an extended length, which these cards do not take.
-    if (first == 0) return std::nullopt;
+    if (first == 0) return extended ? parseExtended(c, apdu) : std::nullopt;
     if (apdu.size() != 5 + first && apdu.size() != 6 + first) return std::nullopt;
     c.data.assign(apdu.begin() + 5, apdu.begin() + 5 + static_cast<std::ptrdiff_t>(first));
     if (apdu.size() == 6 + first) c.le = apdu.back() == 0 ? 256 : apdu.back();

@@ -33,18 +33,19 @@ constexpr std::uint16_t kUnknownInstruction = 0x6D00;
 constexpr std::uint16_t kUnknownClass = 0x6E00;
 }  // namespace sw
 
-// A short APDU (no extended lengths: the dialects here use none).
+// A command APDU, short or, where a dialect takes them, extended.
 struct Command {
     unsigned char cla = 0;
     unsigned char ins = 0;
     unsigned char p1 = 0;
     unsigned char p2 = 0;
     Bytes data;
-    // Absent in cases 1 and 3; an Le byte of 00 means 256.
+    // Absent in cases 1 and 3; an Le byte of 00 means 256, two of 00 65536.
     std::optional<std::size_t> le;
 
-    // Nothing if the length bytes do not add up.
-    static std::optional<Command> parse(const Bytes& apdu);
+    // Nothing if the length bytes do not add up. Without `extended`, an Lc
+    // of 00 is refused.
+    static std::optional<Command> parse(const Bytes& apdu, bool extended = false);
 
     std::uint16_t p1p2() const { return static_cast<std::uint16_t>(p1 << 8 | p2); }
 };

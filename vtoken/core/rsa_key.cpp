@@ -103,6 +103,19 @@ RsaKey rsaKeyFromPrivate(const Bytes& privateKey, const Bytes& certificate) {
     return out;
 }
 
+std::string commonNameOf(const Bytes& certificate) {
+    const unsigned char* p = certificate.data();
+    Owned<X509> cert(d2i_X509(nullptr, &p, static_cast<long>(certificate.size())));
+    if (!cert) return {};
+    X509_NAME* name = X509_get_subject_name(cert.get());
+    const int at = X509_NAME_get_index_by_NID(name, NID_commonName, -1);
+    const ASN1_STRING* value =
+        at < 0 ? nullptr : X509_NAME_ENTRY_get_data(X509_NAME_get_entry(name, at));
+    if (!value) return {};
+    const auto* text = ASN1_STRING_get0_data(value);
+    return std::string(text, text + ASN1_STRING_length(value));
+}
+
 std::optional<Bytes> rsaPrivateRaw(const Bytes& privateKey, const Bytes& block) {
     Owned<EVP_PKEY> key = loadPrivate(privateKey);
     const Bytes n = modulusOf(key.get());

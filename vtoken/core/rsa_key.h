@@ -24,6 +24,10 @@ RsaKey makeRsaKey(int bits, const std::string& commonName);
 // The key from its stored private part (the certificate is the caller's).
 RsaKey rsaKeyFromPrivate(const Bytes& privateKey, const Bytes& certificate);
 
+// The subject's common name of a DER certificate; empty if it has none or
+// does not parse.
+std::string commonNameOf(const Bytes& certificate);
+
 // The raw private-key operation: `block` must be as long as the modulus and
 // smaller than it, else nothing.
 std::optional<Bytes> rsaPrivateRaw(const Bytes& privateKey, const Bytes& block);

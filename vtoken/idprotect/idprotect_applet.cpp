@@ -61,6 +61,11 @@ constexpr unsigned char kTagTemplate = 0x81;
 constexpr std::uint16_t kCloseChannel = 0xFFFF;
 constexpr std::size_t kQSize = 32;
 
+// Decipher: 82 the block, answered by 80 the result.
+constexpr std::uint16_t kDecipherP1P2 = 0x800C;
+constexpr unsigned char kTagBlock = 0x82;
+constexpr unsigned char kTagResult = 0x80;
+
 constexpr std::uint16_t kMoreData = 0x6100;
 constexpr std::uint16_t kWrongPinTries = 0x63C0;
 constexpr std::uint16_t kLastOfChainExpected = 0x6883;
@@ -183,6 +188,7 @@ Bytes IdprotectApplet::run(const Apdu& c, bool wrapped) {
         {kClaProprietary, 0x48, &IdprotectApplet::readData},
         {kClaIso, 0x22, &IdprotectApplet::biometry},
         {kClaProprietary, 0x86, &IdprotectApplet::keyAgreement},
+        {kClaIso, 0x2A, &IdprotectApplet::decipher},
     };
     const unsigned char cla = c.cla & static_cast<unsigned char>(~(kChainBit | kSmBits));
     if (c.ins == kInsChange)
@@ -642,6 +648,31 @@ Bytes IdprotectApplet::ticketAuthenticate(const Apdu& c) {
         return fingerFailed();
     fingerPassed();
     return respond(sw::kOk);
+}
+
+// The layout fixes the key's name, so the id goes unused.
+void IdprotectApplet::addKey(const RsaKey& key, const std::string&) {
+    idprotect::addKey(state_, key);
+    markChanged();
+}
+
+// With the companion file of a key current.
+Bytes IdprotectApplet::decipher(const Apdu& c) {
+    if (c.p1p2() != kDecipherP1P2) return respond(sw::kWrongP1P2);
+    const Bytes* key = keyOfCompanion(state_, session_.current);
+    if (!key) return respond(sw::kDataNotFound);
+    if (!allowed(state_.loginType)) return respond(sw::kSecurityNotSatisfied);
+    const auto body = parseTlvs(c.data);
+    if (!body || body->size() != 1 || body->front().tag != kTagBlock)
+        return respond(sw::kWrongData);
+    std::optional<Bytes> result;
+    try {
+        result = rsaPrivateRaw(*key, body->front().value);
+    } catch (const std::runtime_error&) {
+        return respond(sw::kDataNotFound);  // a file 02nn of the host's, not a key
+    }
+    if (!result) return respond(sw::kWrongData);
+    return respond(sw::kOk, tlv(kTagResult, *result));
 }
 
 namespace {

@@ -2,8 +2,9 @@
 // parameters, access conditions and DF names, PIN objects verified by a
 // challenge and answer, enrolled fingers proven by a simulated match on the
 // card or by a ticket, and a Diffie-Hellman channel that carries the PIN
-// change and unblock encrypted and MACed. Long commands come chained (CLA bit
-// 10), answers above 256 bytes in parts behind 61xx and GET RESPONSE.
+// change and unblock encrypted and MACed, and RSA keys that decipher (raw
+// RSA) once the user has logged in. Long commands come chained (CLA bit 10),
+// answers above 256 bytes in parts behind 61xx and GET RESPONSE.
 //
 // Status words:
 //   61xx  more of the answer waits for GET RESPONSE
@@ -18,12 +19,14 @@
 //         takes no PIN), nothing to GET RESPONSE
 //   6986  read, write or list without a file or directory selected
 //   6987  a wrapped command without its objects; 6988 a bad MAC or padding
-//   6A80  a malformed create template, new PIN or host value
+//   6A80  a malformed create template, new PIN or host value, a block to
+//         decipher not of the key's length or not below it
 //   6A82  no such file, directory or DF name
 //   6A84  not enough memory (the host's read of a full card), or a write past
 //         the end of the file
 //   6A86  P1 or P2 not of this command
-//   6A88  an information item the card does not have, a finger not enrolled
+//   6A88  an information item the card does not have, a finger not enrolled,
+//         a decipher without a key's companion file current
 //   6A89  the identifier or DF name exists in that directory
 //   6B00  a read offset past the end of the file
 //   6D00  unknown instruction; 6E00 a class the instruction does not take
@@ -71,6 +74,7 @@ public:
     Bytes select() override;
     Bytes process(const Bytes& apdu) override;
     void deselect() override { session_ = {}; }
+    void addKey(const RsaKey& key, const std::string& id) override;
 
     nlohmann::ordered_json save() const override { return toJson(state_); }
     std::string describe() const override { return idprotect::describe(state_); }
@@ -115,6 +119,7 @@ private:
     Bytes fingerFailed();
     void fingerPassed();
     Bytes keyAgreement(const Apdu& c);
+    Bytes decipher(const Apdu& c);
 
     bool allowed(unsigned char condition) const;
     // Whether the proof a login object or the fingerprint object asks for

@@ -69,6 +69,27 @@ void nameFromJson(Node& n, const json& j, const std::string& where) {
 
 const TreeLimits kTreeLimits{-1, 0x7FFF};
 
+constexpr std::uint16_t kKeyFiles = 0x0200;
+constexpr std::uint16_t kCertificateFiles = 0x8400;
+constexpr unsigned char kKeyless = 0x40;
+
+std::uint16_t companionOf(unsigned char nn) { return (nn | kKeyless) + 1; }
+
+Node file(std::uint16_t id, Bytes content, Bytes access) {
+    Node n;
+    n.id = id;
+    n.content = std::move(content);
+    n.access = std::move(access);
+    return n;
+}
+
+Bytes certificateObject(const Bytes& der) {
+    Bytes out(kCertificateHeader, 0x00);
+    putWord(out, der.size());
+    append(out, der);
+    return out;
+}
+
 void describeNode(std::ostringstream& out, const Node& n, const Path& path) {
     out << "  " << pathText(path) << (n.isDir ? "  dir" : "  file ")
         << (n.isDir ? "" : std::to_string(n.content.size()) + " bytes") << "  access "
@@ -199,7 +220,7 @@ IdprotectState personalise(const Personalisation& p) {
     const unsigned char lt = s.loginType;
     s.root = dir(kMf, accessOf({kAdminPin, kNever, kAdminPin, kAdminPin, kAdminPin, kAdminPin}));
     Node system =
-        dir(0x3000, accessOf({kAdminPin, kNever, kAdminPin, kAdminPin, kAdminPin, kAdminPin}));
+        dir(kSystemDir, accessOf({kAdminPin, kNever, kAdminPin, kAdminPin, kAdminPin, kAdminPin}));
     Node info;
     info.id = infoPath().back();
     info.access = accessOf({kFree, lt, lt, kNever});
@@ -208,7 +229,7 @@ IdprotectState personalise(const Personalisation& p) {
     std::copy(p.label.begin(), p.label.end(), info.content.begin());
     info.content[kInfoVersionAt] = static_cast<unsigned char>(p.infoVersion);
     // The host reads the login type from the first condition of 3002.
-    Node application = dir(0x3002, accessOf({lt, kNever, lt, lt, lt, lt}));
+    Node application = dir(kKeyDir, accessOf({lt, kNever, lt, lt, lt, lt}));
     application.children.push_back(dir(homePath().back(), accessOf({lt, lt, lt, lt, lt, lt})));
     system.children.push_back(std::move(info));
     system.children.push_back(std::move(application));
@@ -217,6 +238,50 @@ IdprotectState personalise(const Personalisation& p) {
         throw std::invalid_argument("the memory must hold at least " +
                                     std::to_string(s.root.cost()) + " bytes");
     return s;
+}
+
+void addKey(IdprotectState& s, const RsaKey& key) {
+    if (key.certificate.size() > 0xFFFF) throw std::runtime_error("add-key: certificate too long");
+    Node root = s.root;
+    Node* system = root.child(kSystemDir);
+    Node* keys = system ? system->child(kKeyDir) : nullptr;
+    if (!keys || !keys->isDir) throw std::runtime_error("add-key: no directory 3000/3002");
+    const unsigned char lt = s.loginType;
+    if (!system->child(kCertificateDir))
+        system->children.push_back(dir(kCertificateDir, accessOf({lt, kNever, lt, lt, lt, lt})));
+    keys = system->child(kKeyDir);
+    Node& certs = *system->child(kCertificateDir);
+    const auto certFree = [&](unsigned mm) { return !certs.child(kCertificateFiles | mm); };
+    const Bytes certificate = certificateObject(key.certificate);
+    const Bytes certAccess = accessOf({kFree, lt, lt, lt});
+    if (key.privateKey.empty()) {
+        unsigned mm = kKeyless + 1;
+        while (mm <= 0xFF && (!(mm & kKeyless) || !certFree(mm))) ++mm;
+        if (mm > 0xFF) throw std::runtime_error("add-key: no free certificate identifier");
+        certs.children.push_back(file(kCertificateFiles | mm, certificate, certAccess));
+    } else {
+        unsigned nn = 1;
+        while (nn < kKeyless &&
+               (keys->child(kKeyFiles | nn) || keys->child(companionOf(nn)) || !certFree(nn)))
+            ++nn;
+        if (nn == kKeyless) throw std::runtime_error("add-key: no free key identifier");
+        keys->children.push_back(
+            file(kKeyFiles | nn, key.privateKey, accessOf({kNever, kNever, kNever, lt})));
+        keys->children.push_back(file(companionOf(static_cast<unsigned char>(nn)), key.modulus,
+                                      accessOf({kFree, kNever, kNever, lt})));
+        certs.children.push_back(file(kCertificateFiles | nn, certificate, certAccess));
+    }
+    if (root.cost() > s.memory) throw std::runtime_error("add-key: not enough memory on the token");
+    s.root = std::move(root);
+}
+
+const Bytes* keyOfCompanion(IdprotectState& s, const Path& below) {
+    if (below.size() != 3 || below[0] != kSystemDir || below[1] != kKeyDir) return nullptr;
+    const std::uint16_t companion = below[2];
+    if (companion < companionOf(0) || companion > companionOf(kKeyless - 1)) return nullptr;
+    const auto nn = static_cast<std::uint16_t>((companion - 1) & ~kKeyless);
+    const Node* key = s.find({kSystemDir, kKeyDir, static_cast<std::uint16_t>(kKeyFiles | nn)});
+    return key && !key->isDir ? &key->content : nullptr;
 }
 
 json toJson(const IdprotectState& s) {
@@ -311,6 +376,22 @@ std::string describe(const IdprotectState& s) {
                 << (p.triesLeft == 0 ? "  BLOCKED" : "");
         out << "\n";
     }
+    auto& state = const_cast<IdprotectState&>(s);
+    if (const Node* keys = state.find({kSystemDir, kKeyDir}))
+        for (const auto& f : keys->children)
+            if (!f.isDir && f.id >> 8 == kKeyFiles >> 8) {
+                const Node* companion = findById(keys->children, companionOf(f.id & 0xFF));
+                out << "key " << hexNumber(f.id, 4) << "  RSA "
+                    << (companion ? companion->content.size() * 8 : 0) << " bits\n";
+            }
+    if (const Node* certs = state.find({kSystemDir, kCertificateDir}))
+        for (const auto& f : certs->children)
+            if (!f.isDir && f.id >> 8 == kCertificateFiles >> 8 &&
+                f.content.size() > kCertificateHeader + 2)
+                out << "certificate " << hexNumber(f.id, 4) << "  \""
+                    << commonNameOf(
+                           Bytes(f.content.begin() + kCertificateHeader + 2, f.content.end()))
+                    << "\"" << (f.id & kKeyless ? "  without a key" : "") << "\n";
     out << "fingers     ";
     if (s.fingers.empty()) out << "none";
     for (const auto& f : s.fingers)

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "core/bytes.h"
+#include "core/rsa_key.h"
 #include "core/tree.h"
 
 #include <nlohmann/json.hpp>
@@ -77,6 +78,16 @@ constexpr std::size_t kReferenceSize = 4;
 
 constexpr std::size_t kDirNameMax = 16;
 
+// RSA keys below 3F00 3000: in 3002 the private key 02nn (PKCS#8 DER that no
+// command reads) and its companion file (nn | 40) + 1 holding the modulus,
+// whose size tells the host the key's length; in 3001 the certificate 84mm,
+// mm = nn without bit 40: 125 zero bytes, the DER's length in two bytes, the
+// DER. A certificate without a key has bit 40 of mm set.
+constexpr std::uint16_t kSystemDir = 0x3000;
+constexpr std::uint16_t kCertificateDir = 0x3001;
+constexpr std::uint16_t kKeyDir = 0x3002;
+constexpr std::size_t kCertificateHeader = 125;
+
 // `access` is the value of tag 86 as created: pairs of 00 and a condition. A
 // file's content is fixed at the size created.
 struct Node : TreeNode<Node> {
@@ -142,6 +153,15 @@ struct Personalisation {
 // A fresh token: MF, the PIN objects, 3000 with the information file and
 // 3002 with the home. Throws std::invalid_argument for a value out of range.
 IdprotectState personalise(const Personalisation& p);
+
+// `krfs-vtoken add-key`: the key with the lowest free nn from 01 and its
+// certificate, or with an empty private key the certificate alone (mm from
+// 41), making 3001 if missing. Throws std::runtime_error when no identifier
+// is free or the memory is short, leaving the state as it was.
+void addKey(IdprotectState& state, const RsaKey& key);
+
+// The private key whose companion file is at `below` (after 3F00), or null.
+const Bytes* keyOfCompanion(IdprotectState& state, const Path& below);
 
 // The stored form; fromJson throws std::invalid_argument naming the fault.
 nlohmann::ordered_json toJson(const IdprotectState& state);

@@ -33,6 +33,7 @@ constexpr std::size_t kListPage = 100;
 constexpr unsigned char kLoginChallenge = 0x00;
 constexpr unsigned char kSmChallenge = 0x01;
 constexpr unsigned char kInformationP1 = 0x01;
+constexpr unsigned char kDecipherP1 = 0x03;
 
 // Tags of the command bodies and answers.
 constexpr unsigned char kTagType = 0x01;
@@ -50,6 +51,8 @@ constexpr unsigned char kTypeFile = 0x02;
 constexpr unsigned char kTagTriesLeft = 0x23;
 constexpr unsigned char kTagTriesTotal = 0x06;
 constexpr unsigned char kTagVerified = 0x20;
+// The key object's one status item: kind, size flag, 00.
+constexpr unsigned char kTagKeyKind = 0x1A;
 // Information items and what the identification item holds.
 constexpr unsigned char kInfoIdentification = 0x07;
 constexpr unsigned char kInfoVersion = 0x11;
@@ -125,7 +128,8 @@ Bytes JavaApplet::select() {
 
 Bytes JavaApplet::process(const Bytes& apdu) {
     if (!apdu.empty() && (apdu[0] & kSmBit)) return unwrap(apdu);
-    const auto c = Command::parse(apdu);
+    // Extended lengths carry the 256-byte blocks of a decipher.
+    const auto c = Command::parse(apdu, true);
     if (!c) return respond(sw::kWrongLength);
     return run(*c);
 }
@@ -156,6 +160,7 @@ Bytes JavaApplet::run(const Command& c) {
         {&JavaApplet::change, {Header{0x80, 0x0F}, Header{0x80, 0x18}}},
         {&JavaApplet::unblock, {Header{0x80, 0x13}, std::nullopt}},
         {&JavaApplet::information, {Header{0x00, 0xCA}, Header{0x80, 0x02}}},
+        {&JavaApplet::decipher, {Header{0x80, 0x0C}, Header{0x80, 0x19}}},
     };
     bool known = false;
     for (const auto& command : kCommands) {
@@ -238,6 +243,24 @@ bool JavaApplet::allowed(const Node& n, std::size_t index) const {
     return pin == kFree || session_.verified.count(pin) != 0;
 }
 
+bool JavaApplet::verified(unsigned char pin) const {
+    return session_.verified.count(pin) || (state_.fips && session_.verified.count(partnerOf(pin)));
+}
+
+const Bytes* JavaApplet::currentKey() const {
+    const Path& home = keysHome();
+    const Path& at = session_.current;
+    if (at.size() != home.size() + 1 || !std::equal(home.begin(), home.end(), at.begin()))
+        return nullptr;
+    const auto key = state_.keys.find(at.back());
+    return key == state_.keys.end() ? nullptr : &key->second;
+}
+
+void JavaApplet::addKey(const RsaKey& key, const std::string& id) {
+    java::addKey(state_, key, id);
+    markChanged();
+}
+
 Bytes JavaApplet::selectNode(const Command& c) {
     if (c.p2 != kSelectP2 || (c.p1 != kSelectMf && c.p1 != kSelectPath))
         return respond(kBadParameters);
@@ -289,6 +312,7 @@ Bytes JavaApplet::deleteNode(const Command& c) {
     if (!n->children.empty()) return respond(sw::kConditionsNotSatisfied);
     parent.children.erase(std::find_if(parent.children.begin(), parent.children.end(),
                                        [id](const Node& s) { return s.id == id; }));
+    if (session_.current == keysHome()) state_.keys.erase(id);
     markChanged();
     return respond(sw::kOk);
 }
@@ -388,9 +412,11 @@ Bytes JavaApplet::information(const Command& c) {
     }
 }
 
-// Tag 10 lists the items asked for: tries left, total, verified.
+// Tag 10 lists the items asked for: tries left, total, verified. P2 31
+// asks about the key of the current directory instead.
 Bytes JavaApplet::pinStatus(const Command& c) {
     if (c.p1) return respond(kBadParameters);
+    if (c.p2 == kKeyObject) return keyStatus(c);
     const PinObject* pin = state_.pin(c.p2);
     if (!pin) return respond(kNotFound);
     const auto items = field(c.data, kTagValue);
@@ -459,9 +485,7 @@ Bytes JavaApplet::change(const Command& c) {
     for (auto& pin : state_.pins) {
         if (c.p2 < pin.id || c.p2 >= pin.id + kSlots) continue;
         if (state_.fips && !wrapped_) return respond(sw::kSecurityNotSatisfied);
-        if (!session_.verified.count(pin.id) &&
-            !(state_.fips && session_.verified.count(partnerOf(pin.id))))
-            return respond(kAccessRefused);
+        if (!verified(pin.id)) return respond(kAccessRefused);
         return writeKey(c, pin, c.p2 - pin.id);
     }
     return respond(kNotFound);
@@ -476,6 +500,29 @@ Bytes JavaApplet::unblock(const Command& c) {
     Bytes answer = writeKey(c, user, 0);
     if (answer == statusWord(sw::kOk)) user.triesLeft = user.triesTotal;
     return answer;
+}
+
+// The key object of the current directory: 1A 03 05, bit 04 of the next
+// byte for a 2048-bit modulus, 00.
+Bytes JavaApplet::keyStatus(const Command& c) {
+    const Bytes* key = currentKey();
+    if (!key) return respond(kNotFound);
+    if (field(c.data, kTagValue) != Bytes{kTagKeyKind}) return respond(kBadParameters);
+    const unsigned char size = sizeFlag(rsaKeyFromPrivate(*key, {}).bytes());
+    return respond(sw::kOk, tlv(kTagKeyKind, {kRsaKeyKind, size, 0x00}));
+}
+
+// P1 03, P2 the key object, 10 with the block: 10 with the raw RSA result.
+Bytes JavaApplet::decipher(const Command& c) {
+    if (c.p1 != kDecipherP1 || c.p2 != kKeyObject) return respond(kBadParameters);
+    const auto block = field(c.data, kTagValue);
+    if (!block) return respond(kBadParameters);
+    const Bytes* key = currentKey();
+    if (!key) return respond(kNotFound);
+    if (!verified(kUserPin)) return respond(kAccessRefused);
+    const auto result = rsaPrivateRaw(*key, *block);
+    if (!result) return respond(sw::kWrongData);
+    return respond(sw::kOk, tlv(kTagValue, *result));
 }
 
 namespace {

@@ -3,7 +3,9 @@
 // the Joker lacks. Each emulates a file tree in its own commands with simple
 // tag, length and value bodies (length FF and two bytes when long), keeps
 // PIN objects with five keys each, answers a login by a MAC of its challenge,
-// and takes commands wrapped in its private secure messaging.
+// takes commands wrapped in its private secure messaging, and keeps RSA
+// keys that it answers a query about and deciphers with (raw RSA) once the
+// user PIN is verified.
 //
 // Status words:
 //   6700  lengths that do not add up, a read or challenge without Le
@@ -11,13 +13,15 @@
 //         delete in a file
 //   6703  the identifier exists in that directory
 //   6705  wrong PIN (one try less)
-//   6707  no such node or PIN object
+//   6707  no such node or PIN object, no key in the current directory
 //   6735  not enough memory
-//   6736  the access byte's PIN is not verified
+//   6736  the access byte's PIN is not verified, a decipher before the
+//         user PIN
 //   6982  a PIN change or unblock outside secure messaging on a FIPS token
 //   6983  the PIN is blocked
 //   6985  no challenge for the login, a directory not empty, an empty key
 //   6988  wrapped command malformed, without a challenge or with a bad MAC
+//   6A80  a block to decipher not of the key's length or not below it
 //   6B00  bad parameters or a body without its objects, an offset or size
 //         out of range
 //   6D00  unknown instruction; 6E00 a class the instruction does not take
@@ -54,6 +58,7 @@ public:
     Bytes select() override;
     Bytes process(const Bytes& apdu) override;
     void deselect() override { session_ = {}; }
+    void addKey(const RsaKey& key, const std::string& id) override;
 
     nlohmann::ordered_json save() const override { return toJson(state_); }
     std::string describe() const override { return java::describe(state_); }
@@ -79,9 +84,15 @@ private:
     Bytes authenticate(const Command& c);
     Bytes change(const Command& c);
     Bytes unblock(const Command& c);
+    Bytes keyStatus(const Command& c);
+    Bytes decipher(const Command& c);
 
     bool allowed(const Node& n, std::size_t index) const;
+    // Whether `pin` was verified, or its partner on a FIPS token.
+    bool verified(unsigned char pin) const;
     Node* currentNode() { return state_.find(session_.current); }
+    // The private key of the current directory, or null.
+    const Bytes* currentKey() const;
     // The 24-byte key of tag 10 into a slot.
     Bytes writeKey(const Command& c, PinObject& pin, std::size_t slot);
 

@@ -72,6 +72,77 @@ constexpr auto noDirFields = [](auto&&...) {};
 
 const TreeLimits kTreeLimits{static_cast<int>(kAccessSize), 0xFFFF};
 
+// The access the host gives the directories and files it creates for keys:
+// the user PIN for all but reading.
+Bytes hostAccess(unsigned char read) {
+    Bytes out(kAccessSize, kUserPin);
+    out[kRead] = read;
+    return out;
+}
+
+Node hostDir(std::uint16_t id) {
+    Node d;
+    d.isDir = true;
+    d.id = id;
+    d.access = hostAccess(kUserPin);
+    return d;
+}
+
+// PKCS#11 object classes in the attribute files.
+constexpr unsigned char kClassCertificate = 0x01;
+constexpr unsigned char kClassPrivateKey = 0x03;
+constexpr unsigned char kFieldClass = 0x01;
+constexpr unsigned char kFieldBits = 0x02;
+constexpr unsigned char kFieldId = 0x03;
+constexpr std::size_t kFieldMax = 0xFF;
+
+Bytes attributes(unsigned char objectClass, std::size_t bits, const std::string& id) {
+    Bytes out{kFieldClass, 1, objectClass, kFieldBits, 2};
+    putWord(out, bits);
+    out.insert(out.end(), {kFieldId, static_cast<unsigned char>(id.size())});
+    out.insert(out.end(), id.begin(), id.end());
+    return out;
+}
+
+// The directory at `below`, made with the host's access where missing.
+Node& makeDirs(Node& root, const Path& below) {
+    Node* n = &root;
+    for (std::uint16_t id : below) {
+        Node* next = n->child(id);
+        if (!next) {
+            n->children.push_back(hostDir(id));
+            next = &n->children.back();
+        } else if (!next->isDir) {
+            throw std::runtime_error("add-key: " + hexNumber(id, 4) + " is a file");
+        }
+        n = next;
+    }
+    return *n;
+}
+
+// A new directory `id` in `parent` holding `files` (identifier, content),
+// public to read.
+void addObject(Node& parent, std::uint16_t id, std::vector<std::pair<std::uint16_t, Bytes>> files) {
+    Node d = hostDir(id);
+    for (auto& [fileId, content] : files) {
+        Node f = file(fileId, std::move(content), kUserPin);
+        f.access = hostAccess(kFree);
+        d.children.push_back(std::move(f));
+    }
+    parent.children.push_back(std::move(d));
+}
+
+// The lowest identifier from `first` to its 1000s' end not in `dir`.
+std::uint16_t nextFree(Node& dir, std::uint16_t first) {
+    for (std::uint32_t id = first; id <= (first | 0x0FFFu); ++id)
+        if (!dir.child(static_cast<std::uint16_t>(id))) return static_cast<std::uint16_t>(id);
+    throw std::runtime_error("add-key: no free identifier from " + hexNumber(first, 4));
+}
+
+std::size_t modulusBytes(const Bytes& privateKey) {
+    return rsaKeyFromPrivate(privateKey, {}).bytes();
+}
+
 const char* pinRole(unsigned char id) {
     switch (id) {
         case kUserPin:
@@ -86,6 +157,11 @@ const char* pinRole(unsigned char id) {
 }
 
 }  // namespace
+
+const Path& keysHome() {
+    static const Path kHome{kApplicationDir, kHomeDir, 0x0220};
+    return kHome;
+}
 
 Node* JavaState::find(const Path& below) { return findNode(root, below); }
 
@@ -135,6 +211,28 @@ JavaState personalise(const Personalisation& p) {
     return s;
 }
 
+void addKey(JavaState& s, const RsaKey& key, const std::string& id) {
+    if (id.size() > kFieldMax) throw std::runtime_error("add-key: an id of at most 255 bytes");
+    const std::size_t bits = key.bytes() * 8;
+    Node root = s.root;
+    Node& home = makeDirs(root, keysHome());
+    addObject(home, nextFree(home, 0x1001),
+              {{kAttributesFile, attributes(kClassCertificate, bits, id)},
+               {kCertificateFile, key.certificate}});
+    std::optional<std::uint16_t> keyDir;
+    if (!key.privateKey.empty()) {
+        keyDir = nextFree(home, 0x3001);
+        Bytes header{kRsaKeyKind, sizeFlag(key.bytes())};
+        putWord(header, bits);
+        header.insert(header.end(), {0x00, 0x00});
+        append(header, attributes(kClassPrivateKey, bits, id));
+        addObject(home, *keyDir, {{kAttributesFile, header}});
+    }
+    if (root.cost() > s.memory) throw std::runtime_error("add-key: not enough memory on the token");
+    s.root = std::move(root);
+    if (keyDir) s.keys[*keyDir] = key.privateKey;
+}
+
 json toJson(const JavaState& s) {
     json pins = json::array();
     for (const auto& p : s.pins) {
@@ -145,6 +243,9 @@ json toJson(const JavaState& s) {
                         {"tries_left", p.triesLeft},
                         {"slots", slots}});
     }
+    json keys = json::array();
+    for (const auto& [dir, der] : s.keys)
+        keys.push_back({{"dir", hexNumber(dir, 4)}, {"private_key", toHex(der)}});
     return {{"fips", s.fips},
             {"marker", toHex(s.marker)},
             {"memory", s.memory},
@@ -154,7 +255,8 @@ json toJson(const JavaState& s) {
               {"colour", s.info.colour},
               {"version", toHex(s.info.version)}}},
             {"pins", pins},
-            {"tree", treeToJson(s.root, noDirFields)}};
+            {"tree", treeToJson(s.root, noDirFields)},
+            {"keys", keys}};
 }
 
 JavaState fromJson(const json& j) {
@@ -196,6 +298,21 @@ JavaState fromJson(const json& j) {
         throw std::invalid_argument("pins: the user PIN 11 and the administrator PIN 21");
     s.root = treeFromJson<Node>(j.value("tree", json()), kTreeLimits, noDirFields);
     if (!s.root.isDir || s.root.id != kMf) throw std::invalid_argument("tree: begins at 3F00");
+    const json& keys = j.value("keys", json::array());
+    if (!keys.is_array()) throw std::invalid_argument("keys: a list");
+    for (const auto& k : keys) {
+        if (!k.is_object()) throw std::invalid_argument("key: not an object");
+        const Bytes dir = hexField(k.value("dir", json()), "key.dir", 2);
+        const std::uint16_t id = wordAt(dir, 0);
+        Bytes der = hexField(k.value("private_key", json()), "key.private_key");
+        try {
+            modulusBytes(der);
+        } catch (const std::runtime_error&) {
+            throw std::invalid_argument("key " + hexNumber(id, 4) + ": not an RSA private key");
+        }
+        if (!s.keys.emplace(id, std::move(der)).second)
+            throw std::invalid_argument("key " + hexNumber(id, 4) + " twice");
+    }
     return s;
 }
 
@@ -220,6 +337,16 @@ std::string describe(const JavaState& s) {
             if (!p.slots[i].empty()) out << " " << i;
         out << "\n";
     }
+    if (const Node* home = const_cast<JavaState&>(s).find(keysHome()))
+        for (const auto& d : home->children) {
+            const Node* cert =
+                d.isDir && d.id >> 12 == 1 ? findById(d.children, kCertificateFile) : nullptr;
+            if (cert && !cert->isDir)
+                out << "certificate " << hexNumber(d.id, 4) << "  \"" << commonNameOf(cert->content)
+                    << "\"\n";
+        }
+    for (const auto& [dir, der] : s.keys)
+        out << "key " << hexNumber(dir, 4) << "  RSA " << modulusBytes(der) * 8 << " bits\n";
     out << "tree\n";
     describeNode(out, s.root, hexNumber(kMf, 4));
     return out.str();

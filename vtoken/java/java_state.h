@@ -6,6 +6,7 @@
 #pragma once
 
 #include "core/bytes.h"
+#include "core/rsa_key.h"
 #include "core/tree.h"
 
 #include <nlohmann/json.hpp>
@@ -13,6 +14,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -28,6 +30,22 @@ constexpr std::uint16_t kFipsFile = 0x000A;
 constexpr std::uint16_t kSaltFile = 0x000F;
 constexpr std::size_t kLabelMax = 32;
 constexpr std::size_t kSaltSize = 20;
+
+// Where the host looks for certificates and private keys: a directory 1xxx
+// for each certificate (0002 the DER, 0001 its attributes) and 3xxx for each
+// key (0001 its attributes), below 3F00.
+const Path& keysHome();
+constexpr std::uint16_t kAttributesFile = 0x0001;
+constexpr std::uint16_t kCertificateFile = 0x0002;
+// The key object of a key directory, as the key query and decipher name it.
+constexpr unsigned char kKeyObject = 0x31;
+// The key query's kind byte for an RSA private key, and its size flag for a
+// 2048-bit modulus.
+constexpr unsigned char kRsaKeyKind = 0x05;
+constexpr unsigned char kRsa2048 = 0x04;
+inline unsigned char sizeFlag(std::size_t modulusBytes) {
+    return modulusBytes == 256 ? kRsa2048 : 0x00;
+}
 
 // PIN objects; the shadow of the user PIN exists on a FIPS token only.
 constexpr unsigned char kUserPin = 0x11;
@@ -71,6 +89,9 @@ struct JavaState {
     Information info;
     std::vector<PinObject> pins;
     Node root;
+    // Private keys, PKCS#8 DER, by the identifier of their directory in
+    // keysHome(). No command reads them.
+    std::map<std::uint16_t, Bytes> keys;
 
     // Null if the path (below 3F00) does not lead to a node.
     Node* find(const Path& below);
@@ -96,12 +117,23 @@ struct Personalisation {
 // std::invalid_argument for a value out of range.
 JavaState personalise(const Personalisation& p);
 
+// `krfs-vtoken add-key`: a certificate directory (the next free from 1001)
+// and, unless the private key is empty, a key directory (from 3001) under
+// keysHome(), creating the directories on the way as the host would.
+// Attributes are fields of tag, length and value: the certificate's 01
+// class 01, 02 modulus bits, 03 the id; the key's a 6-byte header (kind 05,
+// size flag, modulus bits, 00 00) and class 03, bits, id. Throws
+// std::runtime_error for an id above 255 bytes, no free identifier or no
+// memory, leaving the state as it was.
+void addKey(JavaState& state, const RsaKey& key, const std::string& id);
+
 // The stored form; fromJson throws std::invalid_argument naming the fault.
 nlohmann::ordered_json toJson(const JavaState& state);
 JavaState fromJson(const nlohmann::ordered_json& j);
 
 // Information, memory, FIPS, marker, PIN objects (counters and which slots
-// hold keys, never the keys) and the tree.
+// hold keys, never the keys), certificates and private keys (size, never the
+// key) and the tree.
 std::string describe(const JavaState& state);
 
 }  // namespace vtoken::java

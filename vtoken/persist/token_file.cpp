@@ -2,6 +2,7 @@
 
 #include "core/state_json.h"
 #include "persist/java_dialects.h"
+#include "pro/pro_keys.h"
 
 #include <sys/stat.h>
 
@@ -59,7 +60,18 @@ const Faults& StoredToken::faults() const {
 
 std::string StoredToken::describe() const {
     if (java_) return javacard::describe(*java_);
-    return pro_ ? pro::describe(pro_->state()) : r2::describe(r2_->state());
+    if (pro_) return pro::describe(pro_->state()) + pro::describeKeys(pro_->state());
+    return r2::describe(r2_->state());
+}
+
+void StoredToken::save() const {
+    if (java_) {
+        writeFileAtomically(path_, javacard::toJsonText(*java_, dialect_));
+    } else if (pro_) {
+        writeFileAtomically(path_, pro::toJsonText(pro_->state()));
+    } else {
+        writeFileAtomically(path_, r2::toJsonText(r2_->state()));
+    }
 }
 
 void writeNewState(const std::string& path, const std::string& text, bool replace) {

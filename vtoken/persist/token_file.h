@@ -26,6 +26,8 @@ public:
     const Faults& faults() const;
     // The developer's view of `krfs-vtoken show`.
     std::string describe() const;
+    // Writes the state back, for changes made beside the card's commands.
+    void save() const;
 
     // The model behind card(), or null for another dialect.
     pro::ProCard* pro() { return pro_.get(); }

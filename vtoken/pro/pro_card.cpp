@@ -18,7 +18,9 @@ constexpr unsigned char kSmClassBits = 0x0C;  // a protected command
 enum Ins : unsigned char {
     kActivate = 0x10,
     kList = 0x16,
+    kManageEnvironment = 0x22,
     kChangeReference = 0x24,
+    kDecipher = 0x2A,
     kAuthenticate = 0x82,
     kPutData = 0xDA,
     kGetChallenge = 0x84,
@@ -97,6 +99,28 @@ std::optional<Tlvs> parseTlvs(const Bytes& data) {
     return out;
 }
 
+// The extended form (Lc 00 HH LL, Le of two bytes) that only the decipher
+// of a 2048-bit key needs. Nothing if the lengths do not add up.
+std::optional<Command> parseExtended(const Bytes& apdu) {
+    constexpr std::size_t kBody = 7;
+    if (apdu.size() <= kBody || apdu[4] != 0x00) return std::nullopt;
+    const std::size_t lc = apdu[5] << 8 | apdu[6];
+    if (lc == 0 || apdu.size() - kBody < lc) return std::nullopt;
+    const std::size_t rest = apdu.size() - kBody - lc;
+    if (rest != 0 && rest != 2) return std::nullopt;
+    Command c;
+    c.cla = apdu[0];
+    c.ins = apdu[1];
+    c.p1 = apdu[2];
+    c.p2 = apdu[3];
+    c.data.assign(apdu.begin() + kBody, apdu.begin() + kBody + static_cast<std::ptrdiff_t>(lc));
+    if (rest == 2) {
+        const std::size_t le = apdu[apdu.size() - 2] << 8 | apdu.back();
+        c.le = le == 0 ? 0x10000 : le;
+    }
+    return c;
+}
+
 bool reservedId(std::uint16_t id) {
     return id == 0x0000 || id == kMf || id == 0x3FFF || id == 0xFFFF;
 }
@@ -116,6 +140,7 @@ Bytes ProCard::process(const Bytes& command) {
     if (history_.size() == kHistory) history_.erase(history_.begin());
     history_.push_back(command);
     auto parsed = Command::parse(command);
+    if (!parsed) parsed = parseExtended(command);
     if (!parsed) return respond(sw::kWrongLength);
     changed_ = false;
     Bytes answer = dispatch(*parsed);
@@ -141,6 +166,10 @@ Bytes ProCard::dispatch(const Command& c) {
             // instruction.
             if (c.cla != (state_.info().pro4 ? kPro4Pin : kIso)) return respond(sw::kUnknownClass);
             return changeReference(c, false);
+        case kManageEnvironment:
+            return iso(&ProCard::manageEnvironment);
+        case kDecipher:
+            return c.cla == kIso ? decipher(c, false) : respond(sw::kUnknownClass);
         case kSelect:
             return iso(&ProCard::select);
         case kCreate:

@@ -5,6 +5,7 @@
 
 #include "core/apdu.h"
 #include "core/card.h"
+#include "core/rsa_key.h"
 #include "pro/pro_state.h"
 
 #include <cstddef>
@@ -32,6 +33,9 @@ struct Session {
     Bytes smMac;
     Bytes smEnc;
     Path smDir;
+    // The key MANAGE SECURITY ENVIRONMENT made current: its index in the
+    // state's key table.
+    std::optional<std::size_t> key;
 };
 
 class ProCard : public ICard {
@@ -52,6 +56,9 @@ public:
     const ProState& state() const { return state_; }
     // For tests and personalisation: changes here are not announced.
     ProState& state() { return state_; }
+    // Stores a key and its certificate in the token's layout (see
+    // pro_keys.h), and announces the change.
+    void addKey(const RsaKey& key, const std::string& id);
     const Session& session() const { return session_; }
 
     // Marks a PIN of directory `dir` verified, as a successful
@@ -87,6 +94,9 @@ private:
     Bytes changeReference(const Command& c, bool protectedCommand);
     Bytes unblock(const Command& c);
     Bytes secureMessaging(const Command& c);
+    // The key commands (pro_keys.cpp).
+    Bytes manageEnvironment(const Command& c);
+    Bytes decipher(const Command& c, bool protectedCommand);
     // The object a key reference names, and the directory holding it: with
     // bit 0x80 a PIN of the current directory, else one of the master file.
     PinObject* pinByReference(unsigned char reference, Path& dir);

@@ -21,8 +21,11 @@ constexpr unsigned char kTagLe = 0x97;
 constexpr unsigned char kTagMac = 0x8E;
 constexpr unsigned char kPaddingIndicator = 0x01;
 constexpr unsigned char kSmClassBits = 0x0C;
+constexpr unsigned char kDecipherIns = 0x2A;
 
 // One level of simple TLVs with one-byte lengths, each with its raw bytes.
+// The host writes a length as a single byte up to 255 (not in BER form), and
+// reads the answer's the same way.
 struct Object {
     unsigned char tag;
     Bytes value;
@@ -35,7 +38,7 @@ std::optional<std::vector<Object>> objects(const Bytes& data) {
     while (i < data.size()) {
         if (data.size() - i < 2) return std::nullopt;
         const std::size_t length = data[i + 1];
-        if (length > 0x7F || data.size() - i - 2 < length) return std::nullopt;
+        if (data.size() - i - 2 < length) return std::nullopt;
         out.push_back({data[i], Bytes(data.begin() + i + 2, data.begin() + i + 2 + length),
                        Bytes(data.begin() + i, data.begin() + i + 2 + length)});
         i += 2 + length;
@@ -182,9 +185,14 @@ Bytes ProCard::secureMessaging(const Command& c) {
     inner.p1 = c.p1;
     inner.p2 = c.p2;
     inner.data = *plain;
-    const Bytes answer = inner.ins == 0x24 && inner.cla == 0x90 && state_.info().pro4
-                             ? changeReference(inner, true)
-                             : dispatch(inner);
+    Bytes answer;
+    if (inner.ins == 0x24 && inner.cla == 0x90 && state_.info().pro4) {
+        answer = changeReference(inner, true);
+    } else if (inner.ins == kDecipherIns && inner.cla == 0x00) {
+        answer = decipher(inner, true);
+    } else {
+        answer = dispatch(inner);
+    }
 
     // Errors come back bare; an answer that carries data or success is
     // wrapped and MACed, the status word left outside.
@@ -194,9 +202,10 @@ Bytes ProCard::secureMessaging(const Command& c) {
     Bytes value{kPaddingIndicator};
     const Bytes cipher = cbcEncrypt(encKey, body);
     value.insert(value.end(), cipher.begin(), cipher.end());
-    Bytes out{kTagData};
-    if (value.size() >= 0x80) out.push_back(0x81);
-    out.push_back(static_cast<unsigned char>(value.size()));
+    // One length byte, which the host's reader takes as it stands; FF would
+    // announce two more, and no answer of this card comes near it.
+    if (value.size() >= 0xFF) return respond(sw::kWrongLength);
+    Bytes out{kTagData, static_cast<unsigned char>(value.size())};
     out.insert(out.end(), value.begin(), value.end());
     Bytes m2{c.cla, c.ins, c.p1, c.p2, 0x00, 0x00, 0x00, 0x00};
     append(m2, out);

@@ -61,30 +61,6 @@ Bytes rights(unsigned char first, unsigned char second, unsigned char third, uns
     return out;
 }
 
-// Files: read, update, delete, then four more rights that follow update.
-Bytes fileAccess(unsigned char read, unsigned char update) {
-    return rights(read, update, right::kNever, update, 7);
-}
-
-// Directories: create inside, delete, then six more that follow create.
-Bytes dirAccess(unsigned char create) { return rights(create, right::kNever, create, create, 8); }
-
-Node dir(std::uint16_t id, Bytes access) {
-    Node n;
-    n.id = id;
-    n.dir = true;
-    n.access = std::move(access);
-    return n;
-}
-
-Node file(std::uint16_t id, Bytes access, Bytes data) {
-    Node n;
-    n.id = id;
-    n.access = std::move(access);
-    n.data = std::move(data);
-    return n;
-}
-
 Bytes padded(const std::string& text, std::size_t size) {
     Bytes out(text.begin(), text.end());
     out.resize(size, 0x00);
@@ -221,6 +197,26 @@ void describeNode(std::ostringstream& out, const Node& n, const std::string& ind
 
 }  // namespace
 
+Bytes fileAccess(unsigned char read, unsigned char update) {
+    return rights(read, update, right::kNever, update, 7);
+}
+
+Bytes dirAccess(unsigned char create) { return rights(create, right::kNever, create, create, 8); }
+
+Node makeFile(std::uint16_t id, Bytes access, Bytes data) {
+    Node n;
+    n.id = id;
+    n.access = std::move(access);
+    n.data = std::move(data);
+    return n;
+}
+
+Node makeDir(std::uint16_t id, Bytes access) {
+    Node n = makeFile(id, std::move(access), {});
+    n.dir = true;
+    return n;
+}
+
 const ModelInfo& modelInfo(Model model) {
     for (const auto& m : kModels)
         if (m.model == model) return m;
@@ -292,32 +288,34 @@ ProState personalise(const Personalisation& p) {
     s.model = p.model;
     s.fips = p.fips;
     s.id = p.id ? *p.id : randomBytes(4);
-    s.mf = dir(kMf, Bytes(8, right::kNever));
+    s.mf = makeDir(kMf, Bytes(8, right::kNever));
 
     const unsigned char user = p.fips ? kFipsUserPin : kUserPin;
-    Node home = dir(kHome, dirAccess(user));
+    Node home = makeDir(kHome, dirAccess(user));
     // The marker changes with every change to the tree: anyone may write it.
-    home.children.push_back(file(kMarker, fileAccess(right::kFree, right::kFree), randomBytes(16)));
+    home.children.push_back(
+        makeFile(kMarker, fileAccess(right::kFree, right::kFree), randomBytes(16)));
 
     if (!p.fips) {
         home.pins.push_back({kUserPin, "user", md5Key(p.userPin)});
         home.pins.push_back({kAdminPin, "admin", md5Key(p.adminPin.value_or(p.userPin))});
 
-        Node info = dir(kInfoDir, dirAccess(right::kNever));
+        Node info = makeDir(kInfoDir, dirAccess(right::kNever));
         // The counters (left, total) of user and administrator begin the salt.
         Bytes counter = randomBytes(kSaltSize);
         counter[0] = counter[1] = counter[2] = counter[3] = kTries;
         // The host counts failed attempts itself, before any PIN is verified.
-        info.children.push_back(file(kCounter, fileAccess(right::kFree, right::kFree), counter));
         info.children.push_back(
-            file(kLabel, fileAccess(right::kFree, kUserPin), padded(p.label, kLabelSize)));
+            makeFile(kCounter, fileAccess(right::kFree, right::kFree), counter));
         info.children.push_back(
-            file(kLegacyLabel, fileAccess(right::kFree, kUserPin), legacyLabel(p.label)));
+            makeFile(kLabel, fileAccess(right::kFree, kUserPin), padded(p.label, kLabelSize)));
         info.children.push_back(
-            file(kColour, fileAccess(right::kFree, right::kNever), Bytes{p.colour}));
+            makeFile(kLegacyLabel, fileAccess(right::kFree, kUserPin), legacyLabel(p.label)));
+        info.children.push_back(
+            makeFile(kColour, fileAccess(right::kFree, right::kNever), Bytes{p.colour}));
         home.children.push_back(std::move(info));
     } else {
-        Node fipsHome = dir(kFipsHome, dirAccess(kFipsUserPin));
+        Node fipsHome = makeDir(kFipsHome, dirAccess(kFipsUserPin));
         // The user PIN and its encryption and signature keys, and the shadow
         // set that keeps the token usable through a broken PIN change.
         // Both sets start with the keys of the user PIN, salted by the
@@ -336,12 +334,12 @@ ProState personalise(const Personalisation& p) {
             fipsHome.pins.push_back({static_cast<unsigned char>(kFipsShadowPin + i),
                                      std::string(roles[i]) + "-shadow", i == 1 ? enc : mac});
 
+        fipsHome.children.push_back(makeFile(kFipsLabel, fileAccess(right::kFree, kFipsUserPin),
+                                             padded(p.label, kLabelSize)));
+        fipsHome.children.push_back(makeFile(kFipsColour, fileAccess(right::kFree, right::kNever),
+                                             Bytes{0x00, 0x00, p.colour}));
         fipsHome.children.push_back(
-            file(kFipsLabel, fileAccess(right::kFree, kFipsUserPin), padded(p.label, kLabelSize)));
-        fipsHome.children.push_back(file(kFipsColour, fileAccess(right::kFree, right::kNever),
-                                         Bytes{0x00, 0x00, p.colour}));
-        fipsHome.children.push_back(
-            file(kFipsCounter, fileAccess(right::kFree, right::kFree), counter));
+            makeFile(kFipsCounter, fileAccess(right::kFree, right::kFree), counter));
         home.children.push_back(std::move(fipsHome));
     }
     s.mf.children.push_back(std::move(home));
@@ -356,6 +354,17 @@ std::string toJsonText(const ProState& s) {
                 {"id", toHex(s.id)},           {"life_cycle", toHex({s.lifeCycle})},
                 {"assume_verified", verified}, {"faults", faultsToJson(s.faults)},
                 {"mf", nodeToJson(s.mf)}};
+    if (!s.keys.empty()) {
+        json keys = json::array();
+        for (const auto& k : s.keys) {
+            json key = k.directory ? json{{"directory", hexNumber(k.directory, 4)}}
+                                   : json{{"reference", toHex({k.reference})}};
+            key["id"] = k.id;
+            key["private_key"] = toHex(k.privateKey);
+            keys.push_back(key);
+        }
+        out["keys"] = keys;
+    }
     return out.dump(2) + "\n";
 }
 
@@ -377,6 +386,24 @@ ProState fromJsonText(std::string_view text) {
     std::vector<LegacyPin> legacy;
     s.mf = nodeFromJson(j.value("mf", json()), 0, at, legacy);
     if (s.mf.id != kMf || !s.mf.dir) throw std::invalid_argument("mf: directory 3F00");
+    for (const auto& k : j.value("keys", json::array())) {
+        if (!k.is_object() || !k.value("id", json()).is_string())
+            throw std::invalid_argument("key: an object with its id text");
+        ProKey key;
+        if (k.contains("directory") == k.contains("reference"))
+            throw std::invalid_argument("key: a reference or a directory");
+        if (k.contains("directory")) {
+            const Bytes d = hexField(k["directory"], "key.directory", 2);
+            key.directory = static_cast<std::uint16_t>(d[0] << 8 | d[1]);
+        } else {
+            key.reference = hexField(k["reference"], "key.reference", 1)[0];
+        }
+        key.id = k["id"].get<std::string>();
+        key.privateKey = hexField(k.value("private_key", json()), "key.private_key");
+        if (key.privateKey.empty() || (key.reference == 0 && key.directory == 0))
+            throw std::invalid_argument("key " + key.id + ": no private key or no reference");
+        s.keys.push_back(std::move(key));
+    }
     for (const auto& l : legacy) {
         Path dir(l.dir.begin() + 1, l.dir.end());  // below the master file
         PinObject* object = s.find(dir)->pin(l.id);

@@ -106,6 +106,24 @@ struct Node {
 // Memory a node takes beside its content.
 constexpr std::size_t kNodeOverhead = 32;
 
+// Access bytes as the host writes them. Files: read, update, delete (never),
+// then four more rights that follow update. Directories: create inside,
+// delete (never), then six more that follow create.
+Bytes fileAccess(unsigned char read, unsigned char update);
+Bytes dirAccess(unsigned char create);
+Node makeDir(std::uint16_t id, Bytes access);
+Node makeFile(std::uint16_t id, Bytes access, Bytes data);
+
+// A private key the card keeps. The plain layout names it by the key
+// reference R in the first byte of its key file, the FIPS layout by its key
+// directory 3xxx in 6666 5000 0220.
+struct ProKey {
+    unsigned char reference = 0;  // 0 in the FIPS layout
+    std::uint16_t directory = 0;  // 0 in the plain layout
+    std::string id;               // the container
+    Bytes privateKey;             // PKCS#8 DER: kept in the state, no command reads it
+};
+
 struct ProState {
     Model model = Model::Pro42;
     bool fips = false;
@@ -113,6 +131,7 @@ struct ProState {
     // GET DATA 0x0183; the host sends 80 10 00 00 when it reads 0x10.
     unsigned char lifeCycle = 0x10;
     Node mf;
+    std::vector<ProKey> keys;
     // PINs every session starts with verified, and keeps: lets tests and
     // developers write where a PIN is needed before logging in is possible.
     std::vector<unsigned char> assumeVerified;

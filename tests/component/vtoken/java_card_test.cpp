@@ -26,9 +26,9 @@ using Given = std::vector<std::pair<std::string, std::string>>;
 using oracle::java::Keys;
 
 // Each operation's class and instruction in the two variants.
-const char* const kWords[] = {"SELECT",    "CREATE", "DELETE", "LIST",   "READ",
-                              "WRITE",     "MARKER", "RESIZE", "STATUS", "AUTH",
-                              "CHALLENGE", "CHANGE", "INFO"};
+const char* const kWords[] = {"SELECT",    "CREATE", "DELETE", "LIST",    "READ",
+                              "WRITE",     "MARKER", "RESIZE", "STATUS",  "AUTH",
+                              "CHALLENGE", "CHANGE", "INFO",   "DECIPHER"};
 const struct Dialect {
     const char* name;
     vtoken::JavaInstallation (*install)(vtoken::javacard::InitOptions&);
@@ -36,9 +36,9 @@ const struct Dialect {
     const char* bytes;
 } kDialects[] = {
     {"java", &vtoken::java::installJava, "00 A4 04 00 07 A0 00 00 03 12 02 02 00",
-     "00A4 8016 00E4 8001 8018 8015 801B 801A 8007 8011 8017 800F 00CA"},
+     "00A4 8016 00E4 8001 8018 8015 801B 801A 8007 8011 8017 800F 00CA 800C"},
     {"joker", &vtoken::java::installJoker, "00 A4 04 00 08 A0 00 00 04 48 00 04 01 00",
-     "8003 8009 8001 800D 801C 801B 801D 8017 8014 8010 8012 8018 8002"},
+     "8003 8009 8001 800D 801C 801B 801D 8017 8014 8010 8012 8018 8002 8019"},
 };
 
 // The variant's bytes for each operation name.
@@ -96,7 +96,8 @@ std::string unwrap(const Bytes& answer, const Keys& k, const Bytes& h) {
               Bytes(answer.end() - 10, answer.end() - 2));
     if (part.size() == 4) return toHex(oracle::cat({part, sw}));
     EXPECT_EQ(toHex(Bytes(part.begin(), part.begin() + 2)), "22 08");
-    const Bytes iv(part.begin() + 2, part.begin() + 10), e(part.begin() + 12, part.end());
+    const std::size_t at = part[11] == 0xFF ? 14 : 12;  // 32 L, or 32 FF HH LL
+    const Bytes iv(part.begin() + 2, part.begin() + 10), e(part.begin() + at, part.end());
     Bytes plain = oracle::evp("DES-EDE3-CBC", k[3], iv, e, false);
     while (plain.back() == 0x00) plain.pop_back();
     plain.pop_back();
@@ -242,6 +243,145 @@ TEST(JavaCard, FipsChangesOnlyWrapped) {
         const Bytes admin = oracle::cat({fromHex(in(d, "CHANGE 00 21 1A 10 18")), shadow});
         EXPECT_EQ(toHex(card.process(wrap(card, d, k, admin, h))), "67 36");
         EXPECT_EQ(login(card, d, "1A", shadow), "90 00");
+    }
+}
+
+// The key directories below 3F00 6666 5000 0220, as the select names them.
+std::string keyPath(const char* dir, const char* file = "") {
+    const std::string ids = std::string("66 66 50 00 02 20 ") + dir + " " + file;
+    return "SELECT 08 04 " + toHex({static_cast<unsigned char>(fromHex(ids).size())}) + " " + ids;
+}
+
+// A whole file, 240 bytes a read, as the host reads it.
+Bytes readAll(JavaCard& card, const Dialect& d, const std::string& select) {
+    const Bytes answer = card.process(fromHex(in(d, select)));
+    EXPECT_EQ(answer.size(), 16u);
+    const std::size_t size = vtoken::wordAt(answer, 5);
+    Bytes all;
+    for (std::size_t at = 0; at < size; at += 240) {
+        const auto n = static_cast<unsigned char>(std::min<std::size_t>(240, size - at));
+        Bytes part = card.process(fromHex(in(d, "READ 00 00 04 0E 02") + " " +
+                                          toHex(vtoken::word(at)) + " " + toHex({n})));
+        EXPECT_EQ(toHex(Bytes(part.end() - 2, part.end())), "90 00");
+        all.insert(all.end(), part.begin(), part.end() - 2);
+    }
+    return all;
+}
+
+// DECIPHER 03 31 in its extended form: 10 FF with the block's length.
+std::string decipher(const Dialect& d, const Bytes& block) {
+    const Bytes body = oracle::cat({{0x10, 0xFF}, vtoken::word(block.size()), block});
+    return in(d, "DECIPHER 03 31 00 ") + toHex(vtoken::word(body.size())) + " " + toHex(body) +
+           " 04 00";
+}
+
+TEST(JavaCard, KeysLayoutQueryAndDecipher) {
+    const struct {
+        int bits;
+        const char* bitsHex;  // field 02 of the attributes
+        const char* query;    // the key query's answer
+    } kSizes[] = {{1024, "04 00", "1A 03 05 00 00 90 00"}, {2048, "08 00", "1A 03 05 04 00 90 00"}};
+    vtoken::RsaKey certOnly = testKey(1024);
+    certOnly.privateKey.clear();
+    for (const Dialect& d : kDialects)
+        for (const auto& size : kSizes) {
+            SCOPED_TRACE(std::string(d.name) + " " + size.bitsHex);
+            JavaCard card = makeCard(d, {});
+            auto* applet = card.find<vtoken::java::JavaApplet>();
+            const vtoken::RsaKey& k = testKey(size.bits);
+            applet->addKey(k, "key-1");
+            applet->addKey(certOnly, "");
+            EXPECT_TRUE(applet->takeChanged());
+            const std::string b = size.bitsHex;
+            play(card, in(d,
+                          "SELECT 08 04 06 66 66 50 00 02 20 -> 01 01 01 03 02 00 00 04 05 11 11 "
+                          "11 11 11 90 00\n"
+                          "LIST 01 00 04 09 02 00 00 CD -> 0A 06 10 01 30 01 10 02 0B 01 00 90 00\n"
+                          "LIST 02 00 04 09 02 00 00 CD -> 0A 00 0B 01 00 90 00\n" +
+                              keyPath("30 01") +
+                              " -> ... 90 00\n"
+                              "LIST 02 00 04 09 02 00 00 CD -> 0A 02 00 01 0B 01 00 90 00\n"));
+            EXPECT_EQ(toHex(readAll(card, d, keyPath("10 01", "00 01"))),
+                      "01 01 01 02 02 " + b + " 03 05 6B 65 79 2D 31");
+            EXPECT_EQ(readAll(card, d, keyPath("10 01", "00 02")), k.certificate);
+            EXPECT_EQ(toHex(readAll(card, d, keyPath("10 02", "00 01"))),
+                      "01 01 01 02 02 04 00 03 00");
+            EXPECT_EQ(readAll(card, d, keyPath("10 02", "00 02")), certOnly.certificate);
+            EXPECT_EQ(toHex(readAll(card, d, keyPath("30 01", "00 01"))),
+                      "05 " + std::string(size.bits == 2048 ? "04 " : "00 ") + b +
+                          " 00 00 01 01 03 02 02 " + b + " 03 05 6B 65 79 2D 31");
+
+            const Bytes plain = plainBlock(k.bytes()), block = rsaPublicRaw(k.certificate, plain);
+            const std::string query = in(d, "STATUS 00 31 03 10 01 1A 00");
+            Bytes tooBig = k.modulus, tooShort(block.begin() + 1, block.end());
+            play(card, in(d, keyPath("30 01") + " -> ... 90 00\n") + query + " -> " + size.query +
+                           "\n" + decipher(d, block) + " -> 67 36\n");
+            EXPECT_EQ(login(card, d, "11", key(3, "12345678", saltOf(card, d))), "90 00");
+            const std::string result = toHex(oracle::cat(
+                {size.bits == 2048 ? fromHex("10 FF 01 00") : fromHex("10 80"), plain}));
+            play(card, in(d, keyPath("30 01") + " -> ... 90 00\n") + decipher(d, block) + " -> " +
+                           result + " 90 00\n" + decipher(d, tooBig) + " -> 6A 80\n" +
+                           decipher(d, tooShort) + " -> 6A 80\n" +
+                           in(d, "DECIPHER 03 31 00 00 04 11 02 00 00 04 00 -> 6B 00\n") +
+                           in(d, keyPath("10 01") + " -> ... 90 00\n") + query + " -> 67 07\n" +
+                           decipher(d, block) + " -> 67 07\n" +
+                           in(d, keyPath("30 01", "00 01") + " -> ... 90 00\n") +
+                           decipher(d, block) + " -> 67 07\n");
+        }
+}
+
+TEST(JavaCard, KeysStoredDescribedAndDeletedWithTheirDirectory) {
+    const Dialect& d = kDialects[0];
+    JavaCard card = makeCard(d, {});
+    auto* applet = card.find<vtoken::java::JavaApplet>();
+    const vtoken::RsaKey& k = testKey(2048);
+    applet->addKey(k, "a");
+    EXPECT_THROW(applet->addKey(k, std::string(256, 'x')), std::runtime_error);
+    const auto saved = applet->save();
+    EXPECT_EQ(saved["keys"][0]["dir"], "3001");
+    auto copy = vtoken::java::loadJava(saved);
+    EXPECT_EQ(copy->save(), saved);
+    const std::string shown = copy->describe();
+    EXPECT_NE(shown.find("certificate 1001  \"krFS key 2048\""), std::string::npos) << shown;
+    EXPECT_NE(shown.find("key 3001  RSA 2048 bits"), std::string::npos) << shown;
+    EXPECT_EQ(shown.find(toHex(k.privateKey).substr(0, 60)), std::string::npos);
+    const std::string twice = R"("add", "path": "/keys/1", "value": {"dir": "3001", )"
+                              R"("private_key": ")" +
+                              toHex(k.privateKey) + "\"}";
+    for (const std::string& edit :
+         {std::string(R"("replace", "path": "/keys/0/private_key", "value": "30 01")"),
+          std::string(R"("replace", "path": "/keys/0/dir", "value": "30")"), twice}) {
+        const auto patch = nlohmann::ordered_json::parse(R"([{"op": )" + edit + "}]");
+        EXPECT_THROW(vtoken::java::fromJson(saved.patch(patch)), std::invalid_argument) << edit;
+    }
+
+    // The key goes with its directory: one made again in its place has none.
+    EXPECT_EQ(login(card, d, "11", key(3, "12345678", saltOf(card, d))), "90 00");
+    play(card, in(d, keyPath("30 01") + R"( -> ... 90 00
+        DELETE 00 00 02 00 01 -> 90 00
+        SELECT 08 04 06 66 66 50 00 02 20 -> ... 90 00
+        DELETE 00 00 02 30 01 -> 90 00
+        CREATE 01 00 12 01 01 01 02 02 30 01 03 02 00 00 04 05 11 11 11 11 11 -> 90 00
+    )" + keyPath("30 01") +
+                         " -> ... 90 00\nSTATUS 00 31 03 10 01 1A 00 -> 67 07"));
+    EXPECT_TRUE(applet->state().keys.empty());
+}
+
+TEST(JavaCard, FipsDecipherComesWrapped) {
+    for (const Dialect& d : kDialects) {
+        SCOPED_TRACE(d.name);
+        JavaCard card = makeCard(d, {{"--fips", "1"}});
+        const vtoken::RsaKey& k = testKey(2048);
+        card.find<vtoken::java::JavaApplet>()->addKey(k, "f");
+        const Bytes salt = saltOf(card, d);
+        Keys keys;
+        for (int i = 0; i < 5; ++i) keys.push_back(key(i, "12345678", salt));
+        EXPECT_EQ(login(card, d, "11", keys[0]), "90 00");
+        play(card, in(d, keyPath("30 01") + " -> ... 90 00"));
+        const Bytes plain = plainBlock(256), h = fromHex("B1 B2 B3 B4 B5 B6 B7 B8");
+        const Bytes command = fromHex(decipher(d, rsaPublicRaw(k.certificate, plain)));
+        EXPECT_EQ(unwrap(card.process(wrap(card, d, keys, command, h)), keys, h),
+                  toHex(oracle::cat({fromHex("10 FF 01 00"), plain, fromHex("90 00")})));
     }
 }
 

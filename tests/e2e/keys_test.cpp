@@ -1,0 +1,191 @@
+// On-token keys through pcscd with the C++ interface an application uses:
+// each family's virtual token carries a key with its certificate and a
+// certificate alone; the host lists and pairs them, and the card decrypts
+// what OpenSSL encrypted with the certificate's public key.
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+#include <openssl/rsa.h>
+#include <openssl/x509.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "e2e/api_session.h"
+#include "harness/harness.h"
+#include "libapdu/exception.h"
+#include "libapdu/token.h"
+#include "src/SCardSender.h"
+
+namespace {
+
+using namespace krfs::harness;
+using namespace krfs::e2e;
+using libapdu::IToken;
+
+constexpr long kCorrupted = 0x86E06281L;
+const char kPin[] = "12345678";
+
+struct Family {
+    const char* name;
+    const char* dialect;
+    bool fips;
+    WORD applet;
+    int bits;
+
+    bool java() const { return std::string(dialect) == "java"; }
+    // The FIPS Pro finder gives every key 128 bytes, whatever its modulus.
+    unsigned short size() const { return fips ? 128 : static_cast<unsigned short>(bits / 8); }
+    // Java takes any block to the card, which refuses it with its own word.
+    long badBlock() const { return java() ? 0x86E06B00L : kCorrupted; }
+};
+
+const Family kFamilies[] = {
+    {"Pro42", "pro", false, 0x1002, 1024},
+    {"Pro42_2048", "pro", false, 0x1002, 2048},
+    {"Pro42Fips", "pro", true, 0x1002, 1024},
+    {"Pro42Fips_2048", "pro", true, 0x1002, 2048},
+    {"Java", "java", false, 0x2001, 1024},
+    {"Java_2048", "java", false, 0x2001, 2048},
+    {"Joker", "joker", false, 0x2204, 1024},
+    {"Joker_2048", "joker", false, 0x2204, 2048},
+    {"IDProtect", "idprotect", false, 0x2101, 1024},
+    {"IDProtect_2048", "idprotect", false, 0x2101, 2048},
+};
+
+// Counts the exchanges that reach the card.
+class CountingSender : public libapdu::ISender {
+public:
+    explicit CountingSender(const std::string& reader) : inner(reader, 3, 0) {}
+    void send(const TBytes& command, TBytes& response) override {
+        ++sent;
+        inner.send(command, response);
+    }
+    TBytes atr() override { return inner.atr(); }
+    int sent = 0;
+
+private:
+    CSCardSender inner;
+};
+
+template <class F>
+long codeOf(F&& call) {
+    try {
+        call();
+    } catch (const libapdu::IException& e) {
+        return e.code();
+    }
+    return 0;
+}
+
+struct Rsa {
+    std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key{nullptr, EVP_PKEY_free};
+
+    explicit Rsa(const TBytes& certificate) {
+        const unsigned char* p = certificate.data();
+        std::unique_ptr<X509, decltype(&X509_free)> cert(
+            d2i_X509(nullptr, &p, static_cast<long>(certificate.size())), X509_free);
+        if (cert) key.reset(X509_get_pubkey(cert.get()));
+    }
+    TBytes encrypt(const TBytes& message, int padding) const {
+        std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> ctx(
+            EVP_PKEY_CTX_new(key.get(), nullptr), EVP_PKEY_CTX_free);
+        TBytes out(static_cast<std::size_t>(EVP_PKEY_get_size(key.get())));
+        std::size_t len = out.size();
+        if (!ctx || EVP_PKEY_encrypt_init(ctx.get()) != 1 ||
+            EVP_PKEY_CTX_set_rsa_padding(ctx.get(), padding) != 1 ||
+            EVP_PKEY_encrypt(ctx.get(), out.data(), &len, message.data(), message.size()) != 1)
+            return {};
+        out.resize(len);
+        return out;
+    }
+};
+
+// M from 00 02 PS 00 M; empty if the block is not of that form.
+TBytes unpad(const TBytes& block) {
+    if (block.size() < 11 || block[0] != 0 || block[1] != 2) return {};
+    for (std::size_t i = 2; i < block.size(); ++i)
+        if (block[i] == 0) return i >= 10 ? TBytes(block.begin() + i + 1, block.end()) : TBytes{};
+    return {};
+}
+
+class Keys : public ::testing::TestWithParam<Family> {};
+
+TEST_P(Keys, ListPairDecrypt) {
+    const Family& f = GetParam();
+    TempDir dir("krfs-keys");
+    const std::string state = dir.file("token.json");
+    TokenInit init;
+    init.dialect = f.dialect;
+    init.fips = f.fips;
+    init.userPin = kPin;
+    initToken(state, init);
+    vtokenCommand({"add-key", "--state", state, "--bits", std::to_string(f.bits), "--cn", "alice",
+                   "--id", "01"});
+    vtokenCommand({"add-key", "--state", state, "--bits", "1024", "--cn", "bob", "--id", "02",
+                   "--cert-only"});
+    Pcscd pcscd;
+    VTokenOptions o;
+    o.stateFile = state;
+    VToken card(pcscd, 0, o);
+
+    std::unique_ptr<libapdu::ISender> sender(new CountingSender(card.reader()));
+    CountingSender* counter = static_cast<CountingSender*>(sender.get());
+    std::unique_ptr<IToken> token = IToken::create(sender);
+    token->selectApplet(f.applet);
+    libapdu::IAppCrypto* crypto = token->crypto();
+
+    const int before = counter->sent;
+    const std::vector<TPath> paths = crypto->list(0x1001);
+    const int listed = counter->sent - before;
+    ASSERT_EQ(paths.size(), 2u);
+    EXPECT_EQ(crypto->list(0x1002), paths) << "the argument is not looked at";
+    EXPECT_EQ(counter->sent - before, listed) << "the list is built once";
+    std::cout << "[ APDUs  ] first list: " << listed << "\n";
+
+    // The key with its certificate first, then the certificate alone.
+    crypto->select(paths[0]);
+    const libapdu::CCryptoInfo key = crypto->info();
+    EXPECT_EQ(key.size, f.size());
+    EXPECT_EQ(key.privateKey.size(), f.size());
+    ASSERT_EQ(key.publicKey.size(), static_cast<std::size_t>(f.bits / 8));
+    const Rsa rsa(key.certificate);
+    ASSERT_NE(rsa.key, nullptr);
+
+    TBytes message(key.publicKey.size(), 0);
+    for (std::size_t i = 1; i < message.size(); ++i) message[i] = static_cast<unsigned char>(i);
+    const TBytes raw = rsa.encrypt(message, RSA_NO_PADDING);
+    ASSERT_EQ(raw.size(), message.size());
+    EXPECT_EQ(codeOf([&] { crypto->decrypt(raw); }), kNoLogin) << "no PIN yet";
+
+    token->pin()->login(TBytes(kPin, kPin + 8));
+    TBytes result;
+    ASSERT_EQ(codeOf([&] { result = crypto->decrypt(raw); }), 0);
+    EXPECT_EQ(result, message);
+
+    const TBytes secret{'k', 'r', 'F', 'S', ' ', 'k', 'e', 'y', 's'};
+    ASSERT_EQ(codeOf([&] { result = crypto->decrypt(rsa.encrypt(secret, RSA_PKCS1_PADDING)); }), 0);
+    EXPECT_EQ(unpad(result), secret) << "PKCS#1 padding comes back for the caller to remove";
+
+    TBytes shorter(key.publicKey.begin() + 1, key.publicKey.end());
+    EXPECT_EQ(codeOf([&] { crypto->decrypt(key.publicKey); }), f.badBlock()) << "the modulus";
+    EXPECT_EQ(codeOf([&] { crypto->decrypt(shorter); }), f.badBlock()) << "a byte short";
+
+    crypto->select(paths[1]);
+    const libapdu::CCryptoInfo alone = crypto->info();
+    EXPECT_TRUE(alone.privateKey.empty());
+    EXPECT_EQ(alone.pin, 0);
+    EXPECT_EQ(alone.size, 128);
+    message.resize(128);
+    const TBytes toBob = Rsa(alone.certificate).encrypt(message, RSA_NO_PADDING);
+    // Java sends it: the card still holds the key selected before.
+    if (!f.java()) {
+        EXPECT_EQ(codeOf([&] { crypto->decrypt(toBob); }), kNotFound);
+    }
+    EXPECT_EQ(codeOf([&] { crypto->select({0x3F00, 0x1234}); }), kNotFound);
+}
+
+INSTANTIATE_TEST_SUITE_P(Families, Keys, ::testing::ValuesIn(kFamilies),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+}  // namespace
