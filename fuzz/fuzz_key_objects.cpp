@@ -14,18 +14,14 @@
 #include "token/appcry/cry_idprotect.h"
 #include "token/appcry/cry_java.h"
 #include "token/appcry/finder_java.h"
-#include "tests/unit/mem_fs.h"
+#include "tests/unit/memory_fs.h"
 
 using namespace libapdu;
-using krfs_test::child;
-using krfs_test::MemFS;
 
 namespace {
 
-struct UserPin : IAppPin {
-    const TPath& pathUser() override { return path; }
-    TPath path{0x0021};
-};
+TPath child(TPath p, WORD id) { return p.push_back(id), p; }
+
 struct PlainInfo : IAppInfo {
     bool isFips() override { return false; }
 };
@@ -37,12 +33,12 @@ struct OneShotPack : IAppPack {
 };
 struct Applet : IApplet {
     explicit Applet(ISender* s) : IApplet(s) {
-        fs_.reset(fs = new MemFS);
-        pin_.reset(new UserPin);
+        fs_.reset(fs = new memory_fs::MemoryFS);
+        pin_.reset(new memory_fs::UserPin);
         info_.reset(new PlainInfo);
         pack_.reset(new OneShotPack(this));
     }
-    MemFS* fs;
+    memory_fs::MemoryFS* fs;
 };
 
 const TPath kHome{0x3F00, 0x6666, 0x5000, 0x0220};

@@ -11,12 +11,15 @@
 #include "token/appcry/cry_idprotect.h"
 #include "token/appcry/cry_java.h"
 #include "token/appcry/finder_java.h"
-#include "unit/mem_fs.h"
+#include "unit/memory_fs.h"
 #include "unit/scripted_sender.h"
 
 namespace {
 
 using namespace krfs_test;
+using memory_fs::MemoryFS;
+
+TPath child(TPath p, WORD id) { return p.push_back(id), p; }
 
 // A self-signed certificate of a fresh key of `bits`, as DER; one per size.
 const TBytes& cert(int bits) {
@@ -42,11 +45,6 @@ TBytes blockFor(int bits) {
     return block[0] = 0x00, block;
 }
 
-struct UserPin : IAppPin {
-    const TPath& pathUser() override { return path; }
-    TPath path{0x0021};
-};
-
 // Records what sm or chain was given, and the buffer; answers `answer`.
 struct RecordingPack : IAppPack {
     void sm(const TBytes& apdu, TBytes& r) override { sent = "sm " + toHex(apdu), give(r); }
@@ -60,12 +58,12 @@ struct RecordingPack : IAppPack {
 struct CryDrivers : ::testing::Test {
     ScriptedSender card;
     ScriptedApplet applet{&card};
-    MemFS* fs = new MemFS;
+    MemoryFS* fs = new MemoryFS;
     FixedInfo* info = applet.install<FixedInfo>(applet.info_, false);
     RecordingPack* pack = new RecordingPack;
     CryDrivers() {
         applet.fs_.reset(fs);
-        applet.pin_.reset(new UserPin);
+        applet.pin_.reset(new memory_fs::UserPin);
         applet.pack_.reset(pack);
     }
 };
@@ -111,7 +109,7 @@ TEST_F(CryDrivers, JavaAndJokerFindersPairByTheThirdField) {
     };
     for (const Row& r : rows) {
         fs->files.clear();
-        fs->dirs = {{kHome, true}};
+        fs->dirs = {kHome};
         for (const auto& [dir, files] : r.dirs)
             for (const auto& [id, content] : files) fs->put(child(child(kHome, dir), id), content);
         const CAdapter adapter = AppletToAdapter(&applet);
@@ -246,7 +244,7 @@ TEST_F(IdprotectCrypto, SelectTiesKeyCertificateAndCompanion) {
     EXPECT_EQ(c.certificate, cert(2048));
     EXPECT_EQ(c.publicKey, extractPublicKeyFromCert(cert(2048)));
     EXPECT_EQ(std::make_tuple(c.size, c.pin, c.id, c.privateKey.size()),
-              std::make_tuple(256, 0x21, hex("01"), 256));
+              std::make_tuple(256, 0x03, hex("01"), 256));
     EXPECT_EQ(fs->current, child(kKeys, 0x0043));  // decrypt counts on the companion being current
 
     for (const TPath& bad : {child(kKeys, 0x0301), child(kKeys, 0x0205), TPath{}})
