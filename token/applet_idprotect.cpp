@@ -2,6 +2,7 @@
 
 #include "libapdu/exception.h"
 #include "token/appbio/bio_idprotect.h"
+#include "token/appcry/cry_idprotect.h"
 #include "token/appfs/fs_idprotect.h"
 #include "token/appinfo/info_idprotect.h"
 #include "token/applabel/label_idprotect.h"
@@ -35,7 +36,7 @@ CAppletIdprotect::CAppletIdprotect(ISender* s) : IApplet(s) {
     info_.reset(new CInfoIdprotect(this));
     label_.reset(new CLabelIdprotect(this));
     pack_.reset(new CPackIdprotect(this));
-    // The crypto driver is not in place yet: its slot keeps the stub.
+    crypto_.reset(new CCryIdprotect(this));
     bio_.reset(new CBioIdprotect(this));
 
     TBytes response(kLongAnswer);

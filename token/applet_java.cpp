@@ -1,5 +1,6 @@
 #include "token/applet_java.h"
 
+#include "token/appcry/cry_java.h"
 #include "token/appfs/fs_java.h"
 #include "token/appinfo/info_java.h"
 #include "token/applabel/label_java.h"
@@ -42,6 +43,7 @@ CAppletJava::CAppletJava(ISender* s) : IApplet(s) {
     info_.reset(new CInfoJava(this));
     label_.reset(new CLabelJava(this));
     pack_.reset(new CPackJava(this));
+    crypto_.reset(new CCryJava(this));
     JavaSelectApplet(*this, kAid);
 }
 

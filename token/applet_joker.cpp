@@ -1,5 +1,6 @@
 #include "token/applet_joker.h"
 
+#include "token/appcry/cry_java.h"
 #include "token/appfs/fs_joker.h"
 #include "token/appinfo/info_joker.h"
 #include "token/applabel/label_joker.h"
@@ -17,6 +18,7 @@ CAppletJoker::CAppletJoker(ISender* s) : IApplet(s) {
     info_.reset(new CInfoJoker(this));
     label_.reset(new CLabelJoker(this));
     pack_.reset(new CPackJoker(this));
+    crypto_.reset(new CCryJoker(this));
     JavaSelectApplet(*this, kAid);
 }
 

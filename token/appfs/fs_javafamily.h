@@ -16,7 +16,9 @@ struct JavaFamilyCommands {
     Header marker;   // the change marker, also called refreshing the volatile state
     Header setSize;  // the size of the current file
     Header random;
-    Header query;  // the information block
+    Header query;     // the information block
+    Header keyQuery;  // the kind and length of the current key
+    Header decipher;  // the private-key operation of the current key
 };
 
 extern const JavaFamilyCommands kJavaCommands;
