@@ -149,7 +149,9 @@ void story(const Family& f) {
     const int listed = counter->sent - before;
     ASSERT_EQ(paths.size(), 2u);
     EXPECT_EQ(crypto->list(0x1002), paths) << "the argument is not looked at";
-    EXPECT_EQ(counter->sent - before, listed) << "the list is built once";
+    if (f.applet != 0x2101) {
+        EXPECT_EQ(counter->sent - before, listed) << "the list is built once";
+    }  // IDProtect keeps no list: it walks its two directories each time
     std::cout << "[ APDUs  ] first list: " << listed << "\n";
 
     // The key with its certificate first, then the certificate alone.
@@ -165,15 +167,17 @@ void story(const Family& f) {
     for (std::size_t i = 1; i < message.size(); ++i) message[i] = static_cast<unsigned char>(i);
     const TBytes raw = rsa.encrypt(message, RSA_NO_PADDING);
     ASSERT_EQ(raw.size(), message.size());
+    EXPECT_EQ(codeOf([&] { crypto->decrypt(raw); }), kNoLogin) << "no PIN yet";
+
+    token->pin()->select(token->pin()->pathUser());
+    token->pin()->login(TBytes(kPin, kPin + 8));
+    crypto->select(paths[0]);  // the login moved the card's current file
     if (f.fips && f.bits == 2048) {
         // Secure messaging with one-byte lengths cannot carry a 256-byte block.
         EXPECT_EQ(codeOf([&] { crypto->decrypt(raw); }), 0x86E06B00L);
         return;
     }
-    EXPECT_EQ(codeOf([&] { crypto->decrypt(raw); }), kNoLogin) << "no PIN yet";
 
-    token->pin()->select(token->pin()->pathUser());
-    token->pin()->login(TBytes(kPin, kPin + 8));
     TBytes result;
     ASSERT_EQ(codeOf([&] { result = crypto->decrypt(raw); }), 0);
     EXPECT_EQ(result, message);

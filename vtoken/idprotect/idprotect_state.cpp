@@ -233,6 +233,8 @@ IdprotectState personalise(const Personalisation& p) {
     application.children.push_back(dir(homePath().back(), accessOf({lt, lt, lt, lt, lt, lt})));
     system.children.push_back(std::move(info));
     system.children.push_back(std::move(application));
+    // A personalised token has its certificate directory even before any key.
+    system.children.push_back(dir(kCertificateDir, accessOf({lt, kNever, lt, lt, lt, lt})));
     s.root.children.push_back(std::move(system));
     if (s.root.cost() > s.memory)
         throw std::invalid_argument("the memory must hold at least " +

@@ -33,7 +33,7 @@ Personalisation smallToken() {
     p.triesTotal = 3;
     p.label = "Bank";
     p.id = fromHex("11 12 13 14 15 16 17 18");
-    p.memory = 600;
+    p.memory = 632;
     return p;
 }
 
@@ -150,8 +150,8 @@ TEST(IdprotectCard, FileSystemStory) {
           86 0C 00 20 00 20 00 20 00 20 00 00 00 FF -> 69 82   # no login
         00 CB 00 03 00 -> 01 08 00 04 90 00
         80 CB 01 14 00 -> 11 12 13 14 15 16 17 18 90 00
-        80 CB 01 10 00 -> 00 00 02 58 90 00
-        80 CB 01 11 00 -> 00 00 01 38 90 00              # 600 less 5 nodes and 128 bytes
+        80 CB 01 10 00 -> 00 00 02 78 90 00
+        80 CB 01 11 00 -> 00 00 01 38 90 00              # 632 less 6 nodes and 128 bytes
     )");
     EXPECT_EQ(send(*card, "80 A4 08 0C 04 3F 00 00 20 00"),
               "62 0B 83 02 00 20 85 05 04 10 00 00 33 90 00");
