@@ -74,6 +74,7 @@ bool setUp(const Kind& kind) {
         g->token = libapdu::IToken::create(s);
         g->token->selectApplet(kind.applet);
         const TBytes pin{'1', '2', '3', '4', '5', '6', '7', '8'};
+        g->token->pin()->select(g->token->pin()->pathUser());
         g->token->pin()->login(pin);
         libapdu::IAppCrypto* crypto = g->token->crypto();
         crypto->select(crypto->list(0x1001).at(0));
