@@ -1,7 +1,6 @@
-// An in-memory file system for the finders' tests and fuzz targets: files by
-// their whole path, every directory above a file implied. It fails as a Pro
-// card does: 6A82 for an unknown path, 6282 for a read past the end, 6283
-// for listing a file.
+// Files in memory by whole path, the directories above them implied, for the finders' tests
+// and fuzz targets. Fails as a Pro card: 6A82 unknown path, 6282 read past the end, 6283 list
+// of a file.
 #pragma once
 
 #include <algorithm>
@@ -24,13 +23,11 @@ public:
     void select(TPath path) override {
         if (files.count(path) == 0 && dirs.count(path) == 0) APDU_RAISE(0x6A82);
         current = path;
-        ++selects;
     }
     CFileInfo info() override {
         const auto f = files.find(current);
         if (f == files.end()) return CFileInfo(2, 0, 0, 0);
-        return CFileInfo(1, static_cast<WORD>(std::min<std::size_t>(f->second.size(), 0xFFFF)), 0,
-                         0);
+        return CFileInfo(1, static_cast<WORD>(f->second.size()), 0, 0);  // no file exceeds 0xFFFF
     }
     // 1: the files of the current directory, 2: its directories.
     TPath list(unsigned char kind) override {
@@ -40,12 +37,10 @@ public:
             return p.size() == current.size() + 1 &&
                    std::equal(current.begin(), current.end(), p.begin());
         };
-        if (kind == 1)
-            for (const auto& f : files)
-                if (below(f.first)) found.push_back(f.first.back());
-        if (kind == 2)
-            for (const TPath& d : dirs)
-                if (below(d)) found.push_back(d.back());
+        for (const auto& f : files)
+            if (kind == 1 && below(f.first)) found.push_back(f.first.back());
+        for (const TPath& d : dirs)
+            if (kind == 2 && below(d)) found.push_back(d.back());
         return found;
     }
     void read(TBytes& data, WORD offset) override {
@@ -58,13 +53,12 @@ public:
     std::map<TPath, TBytes> files;
     std::set<TPath> dirs;
     TPath current;
-    int selects = 0;
 };
 
-// A user PIN whose reference is `user`'s last element.
+// A user PIN of reference 3.
 struct UserPin : IAppPin {
-    TPath user{0x0003};
     const TPath& pathUser() override { return user; }
+    TPath user{0x0003};
 };
 
 }  // namespace memory_fs
