@@ -41,7 +41,7 @@ pcscd_start "$work"
 
 echo "== making a virtual Pro42 token, user PIN $DEMO_PIN"
 "$vtoken" init --state "$work/token.json" --model pro42 --label "krFS demo token" \
-  --user-pin "$DEMO_PIN" --id 4B524653 >/dev/null
+  --user-pin "$DEMO_PIN" --id 4B524653 --key 1024 >/dev/null
 "$vtoken" serve --state "$work/token.json" --port 35963 > "$work/vtoken.log" 2>&1 &
 card_pid=$!
 for _ in $(seq 1 100); do
@@ -58,6 +58,7 @@ printf 'Hello from krFS.\nThis file lives on a virtual token.\n' > "$work/hello.
 run "$krfs" --login --pin-env DEMO_PIN --log "$work/apdu.log" put "$work/hello.txt" 2000/0001
 run "$krfs" ls -l -R
 run "$krfs" cat 2000/0001
+run "$krfs" keys
 step "head -6 $work/apdu.log   (the APDUs of the put)"
 head -6 "$work/apdu.log"
 if [ $short -eq 0 ]; then
