@@ -8,17 +8,13 @@
 #include "libapdu/exception.h"
 
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
-#include <openssl/rsa.h>
-#include <openssl/x509.h>
 #include <stdlib.h>
 #include <unistd.h>
 
 #include <functional>
-#include <map>
-#include <memory>
 #include <sstream>
 #include <string>
+#include <utility>
 
 namespace krfs::component {
 
@@ -78,40 +74,16 @@ inline void play(vtoken::ICard& card, const std::string& transcript,
 
 // One key pair of each size for the whole run: making them is slow.
 inline const vtoken::RsaKey& testKey(int bits) {
-    static std::map<int, vtoken::RsaKey> keys;
-    auto at = keys.find(bits);
-    if (at == keys.end())
-        at = keys.emplace(bits, vtoken::makeRsaKey(bits, "krFS key " + std::to_string(bits))).first;
-    return at->second;
+    static const vtoken::RsaKey k1024 = vtoken::makeRsaKey(1024, "krFS key 1024"),
+                                k2048 = vtoken::makeRsaKey(2048, "krFS key 2048");
+    return bits == 1024 ? k1024 : k2048;
 }
 
-// A block below every modulus of its size.
-inline vtoken::Bytes plainBlock(std::size_t size) {
-    vtoken::Bytes b(size);
-    for (std::size_t i = 0; i < size; ++i) b[i] = static_cast<unsigned char>(i * 7 + 1);
-    b[0] = 0x00;
-    return b;
-}
-
-// `plain` under the certificate's public key by raw RSA, with OpenSSL: the
-// block that the card's private key must turn back into `plain`.
-inline vtoken::Bytes rsaPublicRaw(const vtoken::Bytes& certificate, const vtoken::Bytes& plain) {
-    const unsigned char* p = certificate.data();
-    std::unique_ptr<X509, decltype(&X509_free)> cert(
-        d2i_X509(nullptr, &p, static_cast<long>(certificate.size())), X509_free);
-    EVP_PKEY* key = cert ? X509_get0_pubkey(cert.get()) : nullptr;
-    std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> ctx(
-        key ? EVP_PKEY_CTX_new(key, nullptr) : nullptr, EVP_PKEY_CTX_free);
-    vtoken::Bytes out(plain.size());
-    std::size_t size = out.size();
-    if (!ctx || EVP_PKEY_encrypt_init(ctx.get()) != 1 ||
-        EVP_PKEY_CTX_set_rsa_padding(ctx.get(), RSA_NO_PADDING) != 1 ||
-        EVP_PKEY_encrypt(ctx.get(), out.data(), &size, plain.data(), plain.size()) != 1) {
-        ADD_FAILURE() << "OpenSSL refused the block";
-        return {};
-    }
-    out.resize(size);
-    return out;
+// A block below the modulus and its raw RSA, the operation behind every card.
+inline std::pair<vtoken::Bytes, vtoken::Bytes> blockAndResult(const vtoken::RsaKey& key) {
+    vtoken::Bytes block(key.bytes(), 0x5A);
+    block[0] = 0x00;
+    return {block, vtoken::rsaPrivateRaw(key.privateKey, block).value()};
 }
 
 // The result code a failure carries, 0 if there is none.

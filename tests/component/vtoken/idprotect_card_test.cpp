@@ -311,136 +311,29 @@ TEST(IdprotectCard, FingersMatchOnCardAndTickets) {
     EXPECT_EQ(applet->describe().find(toHex(key).substr(0, 11)), std::string::npos);
 }
 
-// `data` under `header` as the host's chain sends it: parts of 255 bytes
-// with CLA bit 10, then GET RESPONSE while 61xx. All the answers' data and
-// the last status word.
-std::string chain(JavaCard& card, const Bytes& header, Bytes data) {
-    Bytes all, answer;
-    do {
-        const std::size_t n = std::min<std::size_t>(data.size(), 255);
-        const bool last = n == data.size();
-        Bytes command = header;
-        command[0] |= last ? 0x00 : 0x10;
-        command.push_back(static_cast<unsigned char>(n));
-        command.insert(command.end(), data.begin(), data.begin() + n);
-        if (last) command.push_back(0x00);
-        data.erase(data.begin(), data.begin() + n);
-        for (answer = card.process(command);;
-             answer = card.process(fromHex("00 C0 00 00") + Bytes{answer.back()})) {
-            all.insert(all.end(), answer.begin(), answer.end() - 2);
-            if (answer[answer.size() - 2] != 0x61) break;
-        }
-    } while (!data.empty());
-    return toHex(all + Bytes(answer.end() - 2, answer.end()));
-}
-
-// The current file's first `size` bytes, 240 a read.
-Bytes readFile(JavaCard& card, std::size_t size) {
-    Bytes all;
-    for (std::size_t at = 0; at < size; at += 240) {
-        const Bytes read = vtoken::word(at) +
-                           Bytes{static_cast<unsigned char>(std::min<std::size_t>(240, size - at))};
-        const Bytes answer = card.process(fromHex("00 B0") + read);
-        all.insert(all.end(), answer.begin(), answer.end() - 2);
-    }
-    return all;
-}
-
-// The decipher's body: 82 and the block's BER length.
-Bytes blockBody(const Bytes& block) {
-    const auto n = static_cast<unsigned char>(block.size());
-    return (block.size() > 255 ? Bytes{0x82, 0x82, 0x01, n} : Bytes{0x82, 0x81, n}) + block;
-}
-
-const Bytes kDecipher = fromHex("00 2A 80 0C");
-
-TEST(IdprotectCard, KeysLayoutAndDecipherThroughTheChain) {
-    const struct {
-        int bits;
-        const char* size;    // the companion file's size
-        const char* result;  // the head of the answer
-    } kSizes[] = {{1024, "00 80", "80 81 80"}, {2048, "01 00", "80 82 01 00"}};
-    vtoken::RsaKey certOnly = testKey(1024);
-    certOnly.privateKey.clear();
-    for (const auto& size : kSizes) {
-        SCOPED_TRACE(size.bits);
-        Personalisation p = smallToken();
-        p.memory = 65536;
-        auto card = makeCard(p);
-        auto* applet = card->find<IdprotectApplet>();
-        const vtoken::RsaKey& k = testKey(size.bits);
-        applet->addKey(k, "ignored");
-        applet->addKey(certOnly, "");
-        applet->addKey(k, "");
-        const std::string companion = std::string("62 15 83 02 00 42 87 01 01 80 02 ") + size.size +
-                                      " 86 08 00 00 00 FF 00 FF 00 20 90 00";
-        play(*card, std::string(kSelectApplet) + R"( -> 90 00
-            80 A4 08 0C 06 3F 00 30 00 30 02 00 -> ... 90 00
-            80 30 01 00 00 -> D2 02 02 01 D2 02 00 42 D2 02 02 02 D2 02 00 43 90 00
-            80 A4 08 0C 06 3F 00 30 00 30 01 00 -> ... 90 00
-            80 30 01 00 00 -> D2 02 84 01 D2 02 84 41 D2 02 84 02 90 00
-            80 A4 08 0C 08 3F 00 30 00 30 02 02 01 00 -> ... 90 00
-            00 B0 00 00 10 -> 69 82                # the private key
-            80 A4 08 0C 08 3F 00 30 00 30 01 84 01 00 -> ... 90 00
-            00 B0 00 00 7F -> 00*125 )" +
-                        toHex(vtoken::word(k.certificate.size())) + R"( 90 00
-            80 A4 08 0C 08 3F 00 30 00 30 02 00 42 00 -> )" +
-                        companion);
-        EXPECT_EQ(send(*card, "00 B0 00 00 " + std::string(size.size).substr(3)),
-                  toHex(k.modulus + fromHex("90 00")));
-        send(*card, "80 A4 08 0C 08 3F 00 30 00 30 01 84 41 00");
-        EXPECT_EQ(readFile(*card, 127 + certOnly.certificate.size()),
-                  Bytes(125) + vtoken::word(certOnly.certificate.size()) + certOnly.certificate);
-
-        const Bytes plain = plainBlock(k.bytes()), block = rsaPublicRaw(k.certificate, plain);
-        const std::string selectCompanion = "80 A4 08 0C 08 3F 00 30 00 30 02 00 42 00";
-        send(*card, selectCompanion);
-        EXPECT_EQ(chain(*card, kDecipher, blockBody(block)), "69 82");
-        send(*card, "80 A4 08 0C 04 3F 00 00 20 00");
-        EXPECT_EQ(verify(*card, "1234"), "90 00");
-        send(*card, selectCompanion);
-        EXPECT_EQ(chain(*card, kDecipher, blockBody(block)),
-                  std::string(size.result) + " " + toHex(plain + fromHex("90 00")));
-        Bytes wrongTag = blockBody(block);
-        wrongTag[0] = 0x81;
-        EXPECT_EQ(chain(*card, kDecipher, wrongTag), "6A 80");
-        EXPECT_EQ(chain(*card, kDecipher, blockBody(k.modulus)), "6A 80");
-        EXPECT_EQ(chain(*card, kDecipher, blockBody(Bytes(block.begin() + 1, block.end()))),
-                  "6A 80");
-        EXPECT_EQ(chain(*card, fromHex("00 2A 80 86"), blockBody(block)), "6A 86");
-        for (const char* notCompanion : {"30 02 02 01", "30 01 84 01", "30 02 50 00", "C0 00"}) {
-            send(*card, "80 A4 08 0C 08 3F 00 30 00 " + std::string(notCompanion) + " 00");
-            EXPECT_EQ(chain(*card, kDecipher, blockBody(block)), "6A 88") << notCompanion;
-        }
-        // The second key answers with its own private key.
-        send(*card, "80 A4 08 0C 08 3F 00 30 00 30 02 00 43 00");
-        EXPECT_EQ(chain(*card, kDecipher, blockBody(block)),
-                  std::string(size.result) + " " + toHex(plain + fromHex("90 00")));
-    }
-}
-
-TEST(IdprotectCard, KeysStoredDescribedAndRefusedWithoutRoom) {
-    auto card = makeCard();
-    auto* applet = card->find<IdprotectApplet>();
-    const auto before = applet->save();
-    EXPECT_THROW(applet->addKey(testKey(1024), ""), std::runtime_error);  // 600 bytes
-    EXPECT_EQ(applet->save(), before);
-    EXPECT_FALSE(applet->takeChanged());
+TEST(IdprotectCard, KeysNeverReadDecipherAfterLoginAndNeedRoom) {
+    IdprotectApplet small(personalise(smallToken()));  // 600 bytes of memory
+    EXPECT_THROW(small.addKey(testKey(1024), ""), std::runtime_error);
+    EXPECT_EQ(small.save(), IdprotectApplet(personalise(smallToken())).save());
 
     Personalisation p = smallToken();
     p.memory = 65536;
-    IdprotectApplet roomy(personalise(p));
-    vtoken::RsaKey certOnly = testKey(1024);
-    certOnly.privateKey.clear();
-    roomy.addKey(testKey(2048), "");
-    roomy.addKey(certOnly, "");
-    const auto saved = roomy.save();
-    EXPECT_EQ(IdprotectApplet(fromJson(saved)).save(), saved);
-    const std::string shown = roomy.describe();
-    EXPECT_NE(shown.find("key 0201  RSA 2048 bits"), std::string::npos) << shown;
-    EXPECT_NE(shown.find("certificate 8401  \"krFS key 2048\"\n"), std::string::npos) << shown;
-    EXPECT_NE(shown.find("certificate 8441  \"krFS key 1024\"  without a key"), std::string::npos)
-        << shown;
+    auto card = makeCard(p);
+    card->find<IdprotectApplet>()->addKey(testKey(1024), "");
+    const auto [block, result] = blockAndResult(testKey(1024));
+    // With the key's companion file 0042 current: 82 the block, 80 the result.
+    const std::string decipher = "80 A4 08 0C 08 3F 00 30 00 30 02 00 42 00 -> ... 90 00\n" +
+                                 ("00 2A 80 0C 83 82 81 80 " + toHex(block)) + " 00 -> ";
+    play(*card, std::string(kSelectApplet) + R"( -> 90 00
+        80 A4 08 0C 08 3F 00 30 00 30 02 02 01 00 -> ... 90 00
+        00 B0 00 00 10 -> 69 82
+        80 A4 08 0C 08 3F 00 30 00 30 01 84 01 00 -> ... 90 00
+        00 B0 00 7D 02 -> )" +
+                    toHex(vtoken::word(testKey(1024).certificate.size())) + " 90 00\n" + decipher +
+                    "69 82");
+    send(*card, "80 A4 08 0C 04 3F 00 00 20 00");
+    EXPECT_EQ(verify(*card, "1234"), "90 00");
+    play(*card, decipher + "80 81 80 " + toHex(result) + " 90 00");
 }
 
 TEST(IdprotectCard, InitOptionsAndStoredStates) {

@@ -106,7 +106,6 @@ std::string unwrap(const Bytes& answer, const Keys& k, const Bytes& h) {
 
 TEST(JavaCard, FileSystemStory) {
     for (const Dialect& d : kDialects) {
-        SCOPED_TRACE(d.name);
         JavaCard card = makeCard(d, {});
         play(card, in(d, R"(
             SELECT 00 04 00 -> 01 01 01 03 02 00 00 04 05 21 00 00 00 00 90 00
@@ -219,7 +218,6 @@ TEST(JavaCard, InformationMemoryPinCountersAndUnblock) {
 
 TEST(JavaCard, FipsChangesOnlyWrapped) {
     for (const Dialect& d : kDialects) {
-        SCOPED_TRACE(d.name);
         JavaCard card = makeCard(d, {{"--fips", "1"}});
         const Bytes salt = saltOf(card, d);
         play(card, in(d, "READ 00 00 04 0E 02 00 00 14 -> " + toHex(salt) + R"( 90 00
@@ -246,143 +244,55 @@ TEST(JavaCard, FipsChangesOnlyWrapped) {
     }
 }
 
-// The key directories below 3F00 6666 5000 0220, as the select names them.
-std::string keyPath(const char* dir, const char* file = "") {
-    const std::string ids = std::string("66 66 50 00 02 20 ") + dir + " " + file;
-    return "SELECT 08 04 " + toHex({static_cast<unsigned char>(fromHex(ids).size())}) + " " + ids;
-}
+// The first key's directory below 3F00 6666 5000 0220.
+const std::string kKeyDir = "SELECT 08 04 08 66 66 50 00 02 20 30 01 -> ... 90 00\n";
 
-// A whole file, 240 bytes a read, as the host reads it.
-Bytes readAll(JavaCard& card, const Dialect& d, const std::string& select) {
-    const Bytes answer = card.process(fromHex(in(d, select)));
-    EXPECT_EQ(answer.size(), 16u);
-    const std::size_t size = vtoken::wordAt(answer, 5);
-    Bytes all;
-    for (std::size_t at = 0; at < size; at += 240) {
-        const auto n = static_cast<unsigned char>(std::min<std::size_t>(240, size - at));
-        Bytes part = card.process(fromHex(in(d, "READ 00 00 04 0E 02") + " " +
-                                          toHex(vtoken::word(at)) + " " + toHex({n})));
-        EXPECT_EQ(toHex(Bytes(part.end() - 2, part.end())), "90 00");
-        all.insert(all.end(), part.begin(), part.end() - 2);
-    }
-    return all;
-}
-
-// DECIPHER 03 31 in its extended form: 10 FF with the block's length.
+// DECIPHER 03 31 of a 256-byte block in its extended form: 10 FF 01 00 and the block.
 std::string decipher(const Dialect& d, const Bytes& block) {
-    const Bytes body = oracle::cat({{0x10, 0xFF}, vtoken::word(block.size()), block});
-    return in(d, "DECIPHER 03 31 00 ") + toHex(vtoken::word(body.size())) + " " + toHex(body) +
-           " 04 00";
+    return in(d, "DECIPHER 03 31 00 01 04 10 FF 01 00 ") + toHex(block) + " 04 00";
 }
 
-TEST(JavaCard, KeysLayoutQueryAndDecipher) {
-    const struct {
-        int bits;
-        const char* bitsHex;  // field 02 of the attributes
-        const char* query;    // the key query's answer
-    } kSizes[] = {{1024, "04 00", "1A 03 05 00 00 90 00"}, {2048, "08 00", "1A 03 05 04 00 90 00"}};
-    vtoken::RsaKey certOnly = testKey(1024);
-    certOnly.privateKey.clear();
-    for (const Dialect& d : kDialects)
-        for (const auto& size : kSizes) {
-            SCOPED_TRACE(std::string(d.name) + " " + size.bitsHex);
-            JavaCard card = makeCard(d, {});
-            auto* applet = card.find<vtoken::java::JavaApplet>();
-            const vtoken::RsaKey& k = testKey(size.bits);
-            applet->addKey(k, "key-1");
-            applet->addKey(certOnly, "");
-            EXPECT_TRUE(applet->takeChanged());
-            const std::string b = size.bitsHex;
-            play(card, in(d,
-                          "SELECT 08 04 06 66 66 50 00 02 20 -> 01 01 01 03 02 00 00 04 05 11 11 "
-                          "11 11 11 90 00\n"
-                          "LIST 01 00 04 09 02 00 00 CD -> 0A 06 10 01 30 01 10 02 0B 01 00 90 00\n"
-                          "LIST 02 00 04 09 02 00 00 CD -> 0A 00 0B 01 00 90 00\n" +
-                              keyPath("30 01") +
-                              " -> ... 90 00\n"
-                              "LIST 02 00 04 09 02 00 00 CD -> 0A 02 00 01 0B 01 00 90 00\n"));
-            EXPECT_EQ(toHex(readAll(card, d, keyPath("10 01", "00 01"))),
-                      "01 01 01 02 02 " + b + " 03 05 6B 65 79 2D 31");
-            EXPECT_EQ(readAll(card, d, keyPath("10 01", "00 02")), k.certificate);
-            EXPECT_EQ(toHex(readAll(card, d, keyPath("10 02", "00 01"))),
-                      "01 01 01 02 02 04 00 03 00");
-            EXPECT_EQ(readAll(card, d, keyPath("10 02", "00 02")), certOnly.certificate);
-            EXPECT_EQ(toHex(readAll(card, d, keyPath("30 01", "00 01"))),
-                      "05 " + std::string(size.bits == 2048 ? "04 " : "00 ") + b +
-                          " 00 00 01 01 03 02 02 " + b + " 03 05 6B 65 79 2D 31");
-
-            const Bytes plain = plainBlock(k.bytes()), block = rsaPublicRaw(k.certificate, plain);
-            const std::string query = in(d, "STATUS 00 31 03 10 01 1A 00");
-            Bytes tooBig = k.modulus, tooShort(block.begin() + 1, block.end());
-            play(card, in(d, keyPath("30 01") + " -> ... 90 00\n") + query + " -> " + size.query +
-                           "\n" + decipher(d, block) + " -> 67 36\n");
-            EXPECT_EQ(login(card, d, "11", key(3, "12345678", saltOf(card, d))), "90 00");
-            const std::string result = toHex(oracle::cat(
-                {size.bits == 2048 ? fromHex("10 FF 01 00") : fromHex("10 80"), plain}));
-            play(card, in(d, keyPath("30 01") + " -> ... 90 00\n") + decipher(d, block) + " -> " +
-                           result + " 90 00\n" + decipher(d, tooBig) + " -> 6A 80\n" +
-                           decipher(d, tooShort) + " -> 6A 80\n" +
-                           in(d, "DECIPHER 03 31 00 00 04 11 02 00 00 04 00 -> 6B 00\n") +
-                           in(d, keyPath("10 01") + " -> ... 90 00\n") + query + " -> 67 07\n" +
-                           decipher(d, block) + " -> 67 07\n" +
-                           in(d, keyPath("30 01", "00 01") + " -> ... 90 00\n") +
-                           decipher(d, block) + " -> 67 07\n");
-        }
-}
-
-TEST(JavaCard, KeysStoredDescribedAndDeletedWithTheirDirectory) {
-    const Dialect& d = kDialects[0];
-    JavaCard card = makeCard(d, {});
-    auto* applet = card.find<vtoken::java::JavaApplet>();
-    const vtoken::RsaKey& k = testKey(2048);
-    applet->addKey(k, "a");
-    EXPECT_THROW(applet->addKey(k, std::string(256, 'x')), std::runtime_error);
-    const auto saved = applet->save();
-    EXPECT_EQ(saved["keys"][0]["dir"], "3001");
-    auto copy = vtoken::java::loadJava(saved);
-    EXPECT_EQ(copy->save(), saved);
-    const std::string shown = copy->describe();
-    EXPECT_NE(shown.find("certificate 1001  \"krFS key 2048\""), std::string::npos) << shown;
-    EXPECT_NE(shown.find("key 3001  RSA 2048 bits"), std::string::npos) << shown;
-    EXPECT_EQ(shown.find(toHex(k.privateKey).substr(0, 60)), std::string::npos);
-    const std::string twice = R"("add", "path": "/keys/1", "value": {"dir": "3001", )"
-                              R"("private_key": ")" +
-                              toHex(k.privateKey) + "\"}";
-    for (const std::string& edit :
-         {std::string(R"("replace", "path": "/keys/0/private_key", "value": "30 01")"),
-          std::string(R"("replace", "path": "/keys/0/dir", "value": "30")"), twice}) {
-        const auto patch = nlohmann::ordered_json::parse(R"([{"op": )" + edit + "}]");
-        EXPECT_THROW(vtoken::java::fromJson(saved.patch(patch)), std::invalid_argument) << edit;
-    }
-
-    // The key goes with its directory: one made again in its place has none.
-    EXPECT_EQ(login(card, d, "11", key(3, "12345678", saltOf(card, d))), "90 00");
-    play(card, in(d, keyPath("30 01") + R"( -> ... 90 00
-        DELETE 00 00 02 00 01 -> 90 00
-        SELECT 08 04 06 66 66 50 00 02 20 -> ... 90 00
-        DELETE 00 00 02 30 01 -> 90 00
-        CREATE 01 00 12 01 01 01 02 02 30 01 03 02 00 00 04 05 11 11 11 11 11 -> 90 00
-    )" + keyPath("30 01") +
-                         " -> ... 90 00\nSTATUS 00 31 03 10 01 1A 00 -> 67 07"));
-    EXPECT_TRUE(applet->state().keys.empty());
-}
-
-TEST(JavaCard, FipsDecipherComesWrapped) {
+TEST(JavaCard, KeysQueriedAndDecipheringAfterLoginGoWithTheirDirectory) {
     for (const Dialect& d : kDialects) {
-        SCOPED_TRACE(d.name);
-        JavaCard card = makeCard(d, {{"--fips", "1"}});
-        const vtoken::RsaKey& k = testKey(2048);
-        card.find<vtoken::java::JavaApplet>()->addKey(k, "f");
-        const Bytes salt = saltOf(card, d);
-        Keys keys;
-        for (int i = 0; i < 5; ++i) keys.push_back(key(i, "12345678", salt));
-        EXPECT_EQ(login(card, d, "11", keys[0]), "90 00");
-        play(card, in(d, keyPath("30 01") + " -> ... 90 00"));
-        const Bytes plain = plainBlock(256), h = fromHex("B1 B2 B3 B4 B5 B6 B7 B8");
-        const Bytes command = fromHex(decipher(d, rsaPublicRaw(k.certificate, plain)));
-        EXPECT_EQ(unwrap(card.process(wrap(card, d, keys, command, h)), keys, h),
-                  toHex(oracle::cat({fromHex("10 FF 01 00"), plain, fromHex("90 00")})));
+        JavaCard card = makeCard(d, {});
+        auto* applet = card.find<vtoken::java::JavaApplet>();
+        applet->addKey(testKey(2048), "k");
+        const auto [block, result] = blockAndResult(testKey(2048));
+        // The size flag (bit 04 for 2048 bits), the bits, the id as third field.
+        play(card, in(d, R"(SELECT 08 04 0A 66 66 50 00 02 20 30 01 00 01 -> ... 90 00
+            READ 00 00 04 0E 02 00 00 10 -> 05 04 08 00 00 00 01 01 03 02 02 08 00 03 01 6B 90 00
+        )" + kKeyDir + "STATUS 00 31 03 10 01 1A 00 -> 1A 03 05 04 00 90 00\n") +
+                       decipher(d, block) + " -> 67 36");
+        EXPECT_EQ(login(card, d, "11", key(3, "12345678", saltOf(card, d))), "90 00");
+        play(card, in(d, kKeyDir) + decipher(d, block) + " -> 10 FF 01 00 " + toHex(result) +
+                       " 90 00" + in(d, R"(
+            DELETE 00 00 02 00 01 -> 90 00
+            SELECT 08 04 06 66 66 50 00 02 20 -> ... 90 00
+            DELETE 00 00 02 30 01 -> 90 00)"));
+        EXPECT_TRUE(applet->state().keys.empty());
     }
+}
+
+TEST(JavaCard, KeysStayInTheStateAndFipsDecipherComesWrapped) {
+    const Dialect& d = kDialects[0];
+    JavaCard card = makeCard(d, {{"--fips", "1"}});
+    auto* applet = card.find<vtoken::java::JavaApplet>();
+    applet->addKey(testKey(2048), "f");
+    const auto saved = applet->save();
+    EXPECT_EQ(vtoken::java::loadJava(saved)->save(), saved);
+    EXPECT_EQ(applet->describe().find(toHex(testKey(2048).privateKey)), std::string::npos);
+    const auto bad = nlohmann::ordered_json::parse(
+        R"([{"op": "replace", "path": "/keys/0/private_key", "value": "30 01"}])");
+    EXPECT_THROW(vtoken::java::fromJson(saved.patch(bad)), std::invalid_argument);
+
+    const Bytes salt = saltOf(card, d), h = fromHex("B1 B2 B3 B4 B5 B6 B7 B8");
+    Keys keys;
+    for (int i = 0; i < 5; ++i) keys.push_back(key(i, "12345678", salt));
+    EXPECT_EQ(login(card, d, "11", keys[0]), "90 00");
+    play(card, in(d, kKeyDir));
+    const auto [block, result] = blockAndResult(testKey(2048));
+    EXPECT_EQ(unwrap(card.process(wrap(card, d, keys, fromHex(decipher(d, block)), h)), keys, h),
+              "10 FF 01 00 " + toHex(result) + " 90 00");
 }
 
 TEST(JavaCard, ListPagesAndStateRoundTrip) {
