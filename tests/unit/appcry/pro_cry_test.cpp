@@ -4,6 +4,7 @@
 #include "token/appcry/cry_pro.h"
 #include "token/appcry/finder_pro4.h"
 #include "token/applet_pro.h"
+#include "unit/min_certificate.h"
 #include "unit/memory_fs.h"
 #include "unit/scripted_sender.h"
 
@@ -15,11 +16,6 @@ using memory_fs::UserPin;
 using Shown = std::vector<std::string>;
 using Files = std::vector<std::pair<TPath, TBytes>>;
 
-// The least a certificate needs for its public key to be read; the modulus 128 times `fill`.
-TBytes certificate(unsigned char fill) {
-    return cat({hex("30819B 308198 3000 3000 3000 3000 30818D 3000 038188 00 308184 028181 00"),
-                TBytes(128, fill)});
-}
 const TBytes kA = certificate(0xAA), kB = certificate(0xBB);
 
 // Each container as a line: id, path below 3F00 6666, size, key length, certificate, PIN.
