@@ -2,62 +2,25 @@
 // on each dialect's virtual token, listed, and used with blocks OpenSSL sealed
 // to their certificates.
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 #include <openssl/rsa.h>
-#include <openssl/x509.h>
 
 #include <tuple>
-#include <memory>
 #include <string>
 
 #include "e2e/api_session.h"
 #include "harness/harness.h"
+#include "e2e/rsa_public.h"
 
 namespace {
 
 using namespace krfs::harness;
-using krfs::e2e::krfsTool;
+using namespace krfs::e2e;
 using json = nlohmann::json;
-
-struct PkeyFree {
-    void operator()(EVP_PKEY* k) const { EVP_PKEY_free(k); }
-};
-struct CtxFree {
-    void operator()(EVP_PKEY_CTX* c) const { EVP_PKEY_CTX_free(c); }
-};
-using Pkey = std::unique_ptr<EVP_PKEY, PkeyFree>;
-using Ctx = std::unique_ptr<EVP_PKEY_CTX, CtxFree>;
 
 std::string fromHex(const std::string& hex) {
     std::string out;
     for (std::size_t i = 0; i + 1 < hex.size(); i += 2)
         out += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-    return out;
-}
-
-Pkey publicKey(const std::string& certificateHex) {
-    const std::string der = fromHex(certificateHex);
-    const auto* p = reinterpret_cast<const unsigned char*>(der.data());
-    X509* cert = d2i_X509(nullptr, &p, static_cast<long>(der.size()));
-    EXPECT_NE(cert, nullptr);
-    Pkey key(cert != nullptr ? X509_get_pubkey(cert) : nullptr);
-    X509_free(cert);
-    return key;
-}
-
-// The public-key side: sealing with a padding, or undoing a raw result.
-std::string publicOp(EVP_PKEY* key, bool recover, int padding, const std::string& in) {
-    Ctx ctx(EVP_PKEY_CTX_new(key, nullptr));
-    EXPECT_EQ(recover ? EVP_PKEY_verify_recover_init(ctx.get()) : EVP_PKEY_encrypt_init(ctx.get()),
-              1);
-    EXPECT_EQ(EVP_PKEY_CTX_set_rsa_padding(ctx.get(), padding), 1);
-    auto op = recover ? EVP_PKEY_verify_recover : EVP_PKEY_encrypt;
-    const auto* data = reinterpret_cast<const unsigned char*>(in.data());
-    std::size_t n = 0;
-    EXPECT_EQ(op(ctx.get(), nullptr, &n, data, in.size()), 1);
-    std::string out(n, '\0');
-    EXPECT_EQ(op(ctx.get(), reinterpret_cast<unsigned char*>(out.data()), &n, data, in.size()), 1);
-    out.resize(n);
     return out;
 }
 
@@ -107,7 +70,7 @@ TEST(CliKeys, ListAndDecryptOnEachDialect) {
         krfsTool({"keys", 0, " private=no serial="});
 
         const std::string path = key["path"], pin = "PIN=12345678";
-        Pkey pub = publicKey(key["certificate"]);
+        Pkey pub = publicKeyOf(fromHex(key["certificate"]));
         ASSERT_TRUE(pub);
         const std::string message = "sealed for key one\n";
         writeFile(dir.file("sealed"), publicOp(pub.get(), false, RSA_PKCS1_PADDING, message));

@@ -3,15 +3,14 @@
 // certificate alone; the host lists and pairs them, and the card decrypts
 // what OpenSSL encrypted with the certificate's public key.
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 #include <openssl/rsa.h>
-#include <openssl/x509.h>
 
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "e2e/api_session.h"
+#include "e2e/rsa_public.h"
 #include "harness/harness.h"
 #include "libapdu/exception.h"
 #include "libapdu/token.h"
@@ -78,36 +77,8 @@ long codeOf(F&& call) {
     return 0;
 }
 
-struct Rsa {
-    std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key{nullptr, EVP_PKEY_free};
-
-    explicit Rsa(const TBytes& certificate) {
-        const unsigned char* p = certificate.data();
-        std::unique_ptr<X509, decltype(&X509_free)> cert(
-            d2i_X509(nullptr, &p, static_cast<long>(certificate.size())), X509_free);
-        if (cert) key.reset(X509_get_pubkey(cert.get()));
-    }
-    TBytes encrypt(const TBytes& message, int padding) const {
-        std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> ctx(
-            EVP_PKEY_CTX_new(key.get(), nullptr), EVP_PKEY_CTX_free);
-        TBytes out(static_cast<std::size_t>(EVP_PKEY_get_size(key.get())));
-        std::size_t len = out.size();
-        if (!ctx || EVP_PKEY_encrypt_init(ctx.get()) != 1 ||
-            EVP_PKEY_CTX_set_rsa_padding(ctx.get(), padding) != 1 ||
-            EVP_PKEY_encrypt(ctx.get(), out.data(), &len, message.data(), message.size()) != 1)
-            return {};
-        out.resize(len);
-        return out;
-    }
-};
-
-// M from 00 02 PS 00 M; empty if the block is not of that form.
-TBytes unpad(const TBytes& block) {
-    if (block.size() < 11 || block[0] != 0 || block[1] != 2) return {};
-    for (std::size_t i = 2; i < block.size(); ++i)
-        if (block[i] == 0) return i >= 10 ? TBytes(block.begin() + i + 1, block.end()) : TBytes{};
-    return {};
-}
+std::string str(const TBytes& b) { return std::string(b.begin(), b.end()); }
+TBytes bytes(const std::string& s) { return TBytes(s.begin(), s.end()); }
 
 class Keys : public ::testing::TestWithParam<Family> {};
 
@@ -160,12 +131,12 @@ void story(const Family& f) {
     EXPECT_EQ(key.size, f.size());
     EXPECT_EQ(key.privateKey.size(), f.size());
     ASSERT_EQ(key.publicKey.size(), static_cast<std::size_t>(f.bits / 8));
-    const Rsa rsa(key.certificate);
-    ASSERT_NE(rsa.key, nullptr);
+    const Pkey rsa = publicKeyOf(str(key.certificate));
+    ASSERT_NE(rsa, nullptr);
 
     TBytes message(key.publicKey.size(), 0);
     for (std::size_t i = 1; i < message.size(); ++i) message[i] = static_cast<unsigned char>(i);
-    const TBytes raw = rsa.encrypt(message, RSA_NO_PADDING);
+    const TBytes raw = bytes(publicOp(rsa.get(), false, RSA_NO_PADDING, str(message)));
     ASSERT_EQ(raw.size(), message.size());
     EXPECT_EQ(codeOf([&] { crypto->decrypt(raw); }), kNoLogin) << "no PIN yet";
 
@@ -183,8 +154,12 @@ void story(const Family& f) {
     EXPECT_EQ(result, message);
 
     const TBytes secret{'k', 'r', 'F', 'S', ' ', 'k', 'e', 'y', 's'};
-    ASSERT_EQ(codeOf([&] { result = crypto->decrypt(rsa.encrypt(secret, RSA_PKCS1_PADDING)); }), 0);
-    EXPECT_EQ(unpad(result), secret) << "PKCS#1 padding comes back for the caller to remove";
+    const std::string sealed = publicOp(rsa.get(), false, RSA_PKCS1_PADDING, str(secret));
+    ASSERT_EQ(codeOf([&] { result = crypto->decrypt(bytes(sealed)); }), 0);
+    // The padding comes back for the caller to remove: 00 02 PS 00 M.
+    ASSERT_EQ(result.size(), message.size());
+    EXPECT_EQ(result[1], 2);
+    EXPECT_EQ(str(result).substr(result.size() - secret.size() - 1), '\0' + str(secret));
 
     TBytes shorter(key.publicKey.begin() + 1, key.publicKey.end());
     EXPECT_EQ(codeOf([&] { crypto->decrypt(key.publicKey); }), f.badBlock()) << "the modulus";
@@ -196,7 +171,8 @@ void story(const Family& f) {
     EXPECT_EQ(alone.pin, 0);
     EXPECT_EQ(alone.size, 128);
     message.resize(128);
-    const TBytes toBob = Rsa(alone.certificate).encrypt(message, RSA_NO_PADDING);
+    const TBytes toBob = bytes(
+        publicOp(publicKeyOf(str(alone.certificate)).get(), false, RSA_NO_PADDING, str(message)));
     // Java sends it: the card still holds the key selected before.
     if (!f.java()) {
         EXPECT_EQ(codeOf([&] { crypto->decrypt(toBob); }), kNotFound);
