@@ -15,7 +15,6 @@
 #include <benchmark/benchmark.h>
 
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -129,19 +128,10 @@ void BM_RawReplay(benchmark::State& state) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const Kind* kind = &kKinds[0];
-    for (int i = 1; i < argc; ++i) {
-        if (std::strncmp(argv[i], "--token=", 8) != 0) continue;
-        kind = nullptr;
-        for (const Kind& k : kKinds)
-            if (std::strcmp(argv[i] + 8, k.name) == 0) kind = &k;
-        if (!kind) {
-            std::fprintf(stderr, "pin_change_bench: --token=idprotect or --token=java-fips\n");
-            return 2;
-        }
-        for (int j = i; j + 1 < argc; ++j) argv[j] = argv[j + 1];
-        --argc;
-        break;
+    const Kind* kind = krfs::bench::tokenOption(argc, argv, kKinds);
+    if (!kind) {
+        std::fprintf(stderr, "pin_change_bench: --token=idprotect or --token=java-fips\n");
+        return 2;
     }
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;

@@ -68,6 +68,22 @@ private:
 
 // Runs the library's call and its replay in three alternating rounds of at
 // least a second each, so that drift in pcscd's timing hits both alike.
+// Takes `--token=NAME` out of the command line: the kind of that name, the
+// first kind without the option, null for an unknown name.
+template <class Kind, std::size_t N>
+const Kind* tokenOption(int& argc, char** argv, const Kind (&kinds)[N]) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg.rfind("--token=", 0) != 0) continue;
+        for (int j = i; j + 1 < argc; ++j) argv[j] = argv[j + 1];
+        --argc;
+        for (const Kind& k : kinds)
+            if (arg.substr(8) == k.name) return &k;
+        return nullptr;
+    }
+    return &kinds[0];
+}
+
 inline void runAlternating(RatioReporter& reporter, const char* lib,
                            void (*libCall)(benchmark::State&), const char* raw,
                            void (*rawCall)(benchmark::State&)) {
