@@ -46,7 +46,6 @@ TEST(DataStoreCard, RecordsLiveThroughTheUpdateBuffer) {
     play(*card, R"(
         80 30 30 00 1E -> 01 00 00 00 C8 00 C8 00 00 00 00 00 00 03 03 03 04 04 04 10 10 10 \
           01 02 03 04 05 06 07 08 90 00
-        80 30 10 00 00 -> 44 53 20*30 90 00
         80 20 60 00 02 00 00 00 -> 90 00                 # no records
         80 20 10 00 02 00 04 00 -> 67 09                 # begin needs the user PIN
         80 20 20 00 02 00 01 00 -> 67 09
@@ -61,8 +60,6 @@ TEST(DataStoreCard, RecordsLiveThroughTheUpdateBuffer) {
         80 20 10 00 02 00 00 00 -> 90 00
         80 20 50 00 04 01 00 01 C0 00 -> 00 02 90 00     # empty: the host takes it for a directory
         80 20 60 00 02 00 00 00 -> 00 01 3F 3F 01 00 04 00 02 01 C0 00 00 00 90 00
-        80 20 60 00 02 00 02 00 -> 00 02 01 C0 00 00 00 90 00
-        80 20 60 00 02 00 03 00 -> 90 00
         80 20 30 00 06 00 01 00 00 00 04 00 -> 00 AA BB CC 90 00
         80 20 30 00 06 00 01 00 01 00 04 00 -> 67 0B     # one past the end
         80 20 30 00 06 00 07 00 00 00 00 00 -> 67 01
@@ -74,9 +71,6 @@ TEST(DataStoreCard, RecordsLiveThroughTheUpdateBuffer) {
         80 20 10 00 02 00 02 00 -> 90 00
         80 20 40 00 06 00 00 00 02 DD EE 00 -> 90 00
         80 20 50 00 03 00 00 01 00 -> 90 00
-        80 20 30 00 06 00 01 00 00 00 02 00 -> DD EE 90 00
-        80 20 60 00 02 00 01 00 -> 00 01 3F 3F 01 00 02 00 02 01 C0 00 00 00 90 00
-        80 30 30 00 1E -> ... 90 00
         80 20 10 00 02 00 A7 00 -> 6F 00                 # 200 - 18 - 16 = 166 free
         80 20 10 00 02 00 A6 00 -> 90 00
         80 20 50 00 04 01 00 44 44 00 -> 67 02           # a new record takes 16 more
@@ -91,7 +85,6 @@ TEST(DataStoreCard, RecordsLiveThroughTheUpdateBuffer) {
         80 30 20 00 21 41*33 02 -> 67 0A
         80 30 20 00 03 4E 65 77 -> 67 0A                 # without its trailing 02
         80 30 20 00 03 4E 65 77 02 -> 90 00
-        80 30 10 00 00 -> 4E 65 77 20*29 90 00
         80 40 00 00 00 -> 6D 00
         80 20 70 00 02 00 00 00 -> 6D 00
         00 20 60 00 02 00 00 00 -> 6E 00
@@ -218,7 +211,6 @@ TEST(DataStoreCard, EveryChangeReachesTheStateFile) {
     vtoken::StoredToken again(path);
     play(*again.java(), kSelect + std::string(" -> 90 00\n") + kLogin + R"( -> 90 00
         80 20 30 00 06 00 01 00 00 00 02 00 -> AB CD 90 00
-        80 20 60 00 02 00 00 00 -> 00 01 12 C0 01 00 02 90 00
         80 30 30 00 1E -> 01 00 00 00 C8 00 B6 01 00 00 00 00 00 03 03 03 04 04 04 10 10 10 \
           01 02 03 04 05 06 07 08 90 00
     )");
@@ -236,35 +228,6 @@ TEST(DataStoreCard, EveryChangeReachesTheStateFile) {
     nlohmann::ordered_json twice = good;
     twice["records"].push_back(twice["records"][0]);
     EXPECT_THROW(fromJson(twice), std::invalid_argument) << "a number twice";
-}
-
-// The two trees that `show` draws are the ones the host reads out of the
-// records: parent and code in the label, or the table's slots.
-TEST(DataStoreCard, ShowDrawsBothTreesAsTheHostSeesThem) {
-    DataStoreState s;
-    s.records = {
-        {1, 0x3F3F, 0, {}},                                // layout 1: the root
-        {2, 0x01C0, 1, Bytes(5)},                          // CC00 under it, private
-        {3, 0x0912, 0, Bytes(1)},                          // code 12: not in the table
-        {4, 0x3333, 0, Bytes(0x800)}, {5, 0x4444, 0, {}},  // layout 2: the root in slot 5
-        {6, 0x4444, 0, Bytes(3)},                          // 1000 in slot 6, under 7
-        {7, 0x4444, 0, {}},                                // 2000, a directory under the root
-        {8, 0x4444, 0, Bytes(2)},                          // under record 6, a file: an orphan
-    };
-    // Slots 5 to 9 of the table, parent then name, low byte first: no record 9.
-    const Bytes slots = fromHex("00 3F 00 3F 07 00 00 10 05 00 00 20 06 00 00 30 05 00 00 40");
-    std::copy(slots.begin(), slots.end(), s.records[3].content.begin() + 4 * 5);
-    const std::string shown = describe(s);
-    for (const char* line : {
-             "3F00                        record 0001  dir\n",
-             "3F00/CC00                   record 0002  file 5 bytes  private\n",
-             "3F00/2000/1000              record 0006  file 3 bytes\n",
-             "(no path) 3000              record 0008",
-             "slot 0009 (4000): its record is gone",
-             "memory      32768 bytes, 30581 free",
-         })
-        EXPECT_NE(shown.find(line), std::string::npos) << line << " in\n" << shown;
-    EXPECT_EQ(shown.find("record 0003"), std::string::npos) << "code 12 is no node";
 }
 
 }  // namespace
