@@ -101,41 +101,17 @@ void BM_Decrypt(benchmark::State& state) {
         }
 }
 
-void BM_RawReplay(benchmark::State& state) {
-    for (auto _ : state)
-        if (!krfs::bench::replay(*g->raw, g->replay)) {
-            state.SkipWithError("SCardTransmit failed");
-            break;
-        }
-}
+void BM_RawReplay(benchmark::State& state) { krfs::bench::replayLoop(state, *g->raw, g->replay); }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    const Kind* kind = krfs::bench::tokenOption(argc, argv, kKinds);
-    if (!kind) {
-        std::fprintf(stderr, "decrypt_bench: --token=pro or --token=java\n");
-        return 2;
-    }
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    enterPrivateNamespaces();
-    if (!setUp(*kind)) {
-        std::fprintf(stderr, "decrypt_bench: set-up failed\n");
-        return 1;
-    }
-    krfs::bench::RatioReporter reporter;
-    krfs::bench::runAlternating(reporter, "BM_Decrypt", BM_Decrypt, "BM_RawReplay_decrypt",
-                                BM_RawReplay);
-    const double lib = reporter.perCall("BM_Decrypt");
-    const double raw = reporter.perCall("BM_RawReplay_decrypt");
-    if (lib > 0 && raw > 0)
-        std::printf(
-            "\nper decrypt: driver %.3f ms, raw replay %.3f ms, host share %.3f ms (ratio %.2f)\n",
-            lib * 1e3, raw * 1e3, (lib - raw) * 1e3, lib / raw);
+    const int status = krfs::bench::compare(argc, argv, "decrypt_bench", kKinds, setUp, "decrypt",
+                                            BM_Decrypt, BM_RawReplay);
+    if (g == nullptr) return status;
     g->raw.reset();
     g->token.reset();
     g->card.reset();
     g->pcscd.reset();
-    return 0;
+    return status;
 }

@@ -117,43 +117,18 @@ void BM_KRTokenPinChange(benchmark::State& state) {
     if (next == 0) change(kPins[0]);
 }
 
-void BM_RawReplay(benchmark::State& state) {
-    for (auto _ : state)
-        if (!krfs::bench::replay(*g->raw, g->replay)) {
-            state.SkipWithError("SCardTransmit failed");
-            break;
-        }
-}
+void BM_RawReplay(benchmark::State& state) { krfs::bench::replayLoop(state, *g->raw, g->replay); }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    const Kind* kind = krfs::bench::tokenOption(argc, argv, kKinds);
-    if (!kind) {
-        std::fprintf(stderr, "pin_change_bench: --token=idprotect or --token=java-fips\n");
-        return 2;
-    }
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    enterPrivateNamespaces();
-    if (!setUp(*kind)) {
-        std::fprintf(stderr, "pin_change_bench: set-up failed\n");
-        return 1;
-    }
-    krfs::bench::RatioReporter reporter;
-    krfs::bench::runAlternating(reporter, "BM_KRTokenPinChange", BM_KRTokenPinChange,
-                                "BM_RawReplay_change", BM_RawReplay);
-    const double lib = reporter.perCall("BM_KRTokenPinChange");
-    const double raw = reporter.perCall("BM_RawReplay_change");
-    if (lib > 0 && raw > 0)
-        std::printf(
-            "\nper change: KRTokenPinChange %.3f ms, raw replay %.3f ms, host share %.3f ms"
-            " (ratio %.2f)\n",
-            lib * 1e3, raw * 1e3, (lib - raw) * 1e3, lib / raw);
+    const int status = krfs::bench::compare(argc, argv, "pin_change_bench", kKinds, setUp,
+                                            "KRTokenPinChange", BM_KRTokenPinChange, BM_RawReplay);
+    if (g == nullptr) return status;
     KRTokenUnbind(g->token);
     g->raw.reset();
     g->twin.reset();
     g->card.reset();
     g->pcscd.reset();
-    return 0;
+    return status;
 }

@@ -4,6 +4,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <cstdio>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -66,33 +67,62 @@ private:
     std::map<std::string, std::pair<double, double>> totals_;
 };
 
-// Runs the library's call and its replay in three alternating rounds of at
-// least a second each, so that drift in pcscd's timing hits both alike.
-// Takes `--token=NAME` out of the command line: the kind of that name, the
-// first kind without the option, null for an unknown name.
+// The raw side of a comparison: `commands` sent on `raw` at each iteration.
+inline void replayLoop(benchmark::State& state, harness::Connection& raw,
+                       const std::vector<Bytes>& commands) {
+    for (auto _ : state)
+        if (!replay(raw, commands)) {
+            state.SkipWithError("SCardTransmit failed");
+            break;
+        }
+}
+
+// A comparison program: `--token=NAME` picks one of `kinds` (the first by
+// default), `setUp` makes it, then the library's call and the raw replay run
+// in three alternating rounds of at least a second each, so that drift in
+// pcscd's timing hits both alike, and the time per call of each is printed.
+// Returns the program's exit status.
 template <class Kind, std::size_t N>
-const Kind* tokenOption(int& argc, char** argv, const Kind (&kinds)[N]) {
+int compare(int argc, char** argv, const char* program, const Kind (&kinds)[N],
+            bool (*setUp)(const Kind&), const char* call, void (*libCall)(benchmark::State&),
+            void (*rawCall)(benchmark::State&)) {
+    const Kind* kind = &kinds[0];
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg.rfind("--token=", 0) != 0) continue;
         for (int j = i; j + 1 < argc; ++j) argv[j] = argv[j + 1];
         --argc;
+        kind = nullptr;
         for (const Kind& k : kinds)
-            if (arg.substr(8) == k.name) return &k;
-        return nullptr;
+            if (arg.substr(8) == k.name) kind = &k;
+        break;
     }
-    return &kinds[0];
-}
-
-inline void runAlternating(RatioReporter& reporter, const char* lib,
-                           void (*libCall)(benchmark::State&), const char* raw,
-                           void (*rawCall)(benchmark::State&)) {
+    if (!kind) {
+        std::string names;
+        for (const Kind& k : kinds) names += std::string(names.empty() ? "" : ", ") + k.name;
+        std::fprintf(stderr, "%s: --token= one of %s\n", program, names.c_str());
+        return 2;
+    }
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    harness::enterPrivateNamespaces();
+    if (!setUp(*kind)) {
+        std::fprintf(stderr, "%s: set-up failed\n", program);
+        return 1;
+    }
+    RatioReporter reporter;
+    const std::string lib = std::string("BM_") + call, raw = lib + "_RawReplay";
     for (int round = 0; round < 3; ++round) {
-        benchmark::RegisterBenchmark(lib, libCall)->MinTime(1.0)->UseRealTime();
-        benchmark::RegisterBenchmark(raw, rawCall)->MinTime(1.0)->UseRealTime();
+        benchmark::RegisterBenchmark(lib.c_str(), libCall)->MinTime(1.0)->UseRealTime();
+        benchmark::RegisterBenchmark(raw.c_str(), rawCall)->MinTime(1.0)->UseRealTime();
     }
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
+    const double l = reporter.perCall(lib), r = reporter.perCall(raw);
+    if (l > 0 && r > 0)
+        std::printf("\nper call: %s %.3f ms, raw replay %.3f ms, host share %.3f ms (ratio %.2f)\n",
+                    call, l * 1e3, r * 1e3, (l - r) * 1e3, l / r);
+    return 0;
 }
 
 }  // namespace krfs::bench
