@@ -4,7 +4,6 @@
 #include "core/state_json.h"
 #include "gost/gost_applet.h"
 #include "persist/java_dialects.h"
-#include "persist/token_file.h"
 
 #include <gtest/gtest.h>
 
@@ -52,25 +51,14 @@ TEST(ManagerCard, AppletsBesideGostAndTheirState) {
         00 CA 9F 7F 00 -> 6D 00
         84 CA 9F 7F 00 -> 6E 00
         00 A4 04 00 0A A0 00 00 04 48 01 02 01 02 02 00 -> 90 00
-        80 CA 9F 7F 00 -> 6D 00
-        00 A4 04 00 0A A0 00 00 04 48 01 01 01 06 02 00 -> 90 00
-        80 15 10 00 01 01 -> ... 90 00
+        80 CA 9F 7F 00 -> 6D 00      # CryptoPro current
     )");
-    StateFile file;
-    vtoken::writeNewState(file.path, vtoken::javacard::toJsonText(card, "gost"), false);
-    vtoken::StoredToken token(file.path);
-    play(*token.java(), kManagerAnswers);
-    const std::string saved = vtoken::readTextFile(file.path);
-    EXPECT_EQ(vtoken::javacard::toJsonText(*token.java(), "gost"), saved);
+    const std::string saved = vtoken::javacard::toJsonText(card, "gost");
+    auto loaded = vtoken::javacard::fromJsonText(saved, "gost", &vtoken::loadApplet);
+    play(*loaded, kManagerAnswers);
+    EXPECT_EQ(vtoken::javacard::toJsonText(*loaded, "gost"), saved);
 
-    // The host's version is answer bytes 12 and 11: release level bytes of the CPLC.
     auto j = nlohmann::ordered_json::parse(saved);
-    j["applets"][1]["state"]["cplc"] = expand("00 11 22 33 44 55 66 77 AB CD EE*32");
-    auto edited = vtoken::javacard::fromJsonText(j.dump(), "gost", &vtoken::loadApplet);
-    EXPECT_EQ(send(*edited, "00 A4 04 00 07 A0 00 00 01 51 00 00 00"), "90 00");
-    const vtoken::Bytes cplc = edited->process(vtoken::fromHex("80 CA 9F 7F 00"));
-    ASSERT_EQ(cplc.size(), 47u);
-    EXPECT_EQ(vtoken::toHex({cplc[12], cplc[11]}), "CD AB");
     for (const char* bad : {R"({"model": "", "id": "", "cplc": "00"})",
                             R"({"model": "", "id": "01", "cplc": "00"})", "[]"}) {
         j["applets"][1]["state"] = nlohmann::ordered_json::parse(bad);
