@@ -77,10 +77,22 @@ inline void replayLoop(benchmark::State& state, harness::Connection& raw,
         }
 }
 
+// Runs the library's call and its replay in three alternating rounds of at
+// least a second each, so that drift in pcscd's timing hits both alike.
+inline void runAlternating(RatioReporter& reporter, const char* lib,
+                           void (*libCall)(benchmark::State&), const char* raw,
+                           void (*rawCall)(benchmark::State&)) {
+    for (int round = 0; round < 3; ++round) {
+        benchmark::RegisterBenchmark(lib, libCall)->MinTime(1.0)->UseRealTime();
+        benchmark::RegisterBenchmark(raw, rawCall)->MinTime(1.0)->UseRealTime();
+    }
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+}
+
 // A comparison program: `--token=NAME` picks one of `kinds` (the first by
 // default), `setUp` makes it, then the library's call and the raw replay run
-// in three alternating rounds of at least a second each, so that drift in
-// pcscd's timing hits both alike, and the time per call of each is printed.
+// alternating, and the time per call of each is printed.
 // Returns the program's exit status.
 template <class Kind, std::size_t N>
 int compare(int argc, char** argv, const char* program, const Kind (&kinds)[N],
@@ -112,12 +124,7 @@ int compare(int argc, char** argv, const char* program, const Kind (&kinds)[N],
     }
     RatioReporter reporter;
     const std::string lib = std::string("BM_") + call, raw = lib + "_RawReplay";
-    for (int round = 0; round < 3; ++round) {
-        benchmark::RegisterBenchmark(lib.c_str(), libCall)->MinTime(1.0)->UseRealTime();
-        benchmark::RegisterBenchmark(raw.c_str(), rawCall)->MinTime(1.0)->UseRealTime();
-    }
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
+    runAlternating(reporter, lib.c_str(), libCall, raw.c_str(), rawCall);
     const double l = reporter.perCall(lib), r = reporter.perCall(raw);
     if (l > 0 && r > 0)
         std::printf("\nper call: %s %.3f ms, raw replay %.3f ms, host share %.3f ms (ratio %.2f)\n",
