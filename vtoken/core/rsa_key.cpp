@@ -103,17 +103,26 @@ RsaKey rsaKeyFromPrivate(const Bytes& privateKey, const Bytes& certificate) {
     return out;
 }
 
-std::string commonNameOf(const Bytes& certificate) {
+std::optional<CertificateSummary> summaryOf(const Bytes& certificate) {
     const unsigned char* p = certificate.data();
     Owned<X509> cert(d2i_X509(nullptr, &p, static_cast<long>(certificate.size())));
-    if (!cert) return {};
+    if (!cert) return std::nullopt;
+    CertificateSummary out;
+    if (EVP_PKEY* key = X509_get0_pubkey(cert.get())) out.bits = EVP_PKEY_get_bits(key);
     X509_NAME* name = X509_get_subject_name(cert.get());
     const int at = X509_NAME_get_index_by_NID(name, NID_commonName, -1);
     const ASN1_STRING* value =
         at < 0 ? nullptr : X509_NAME_ENTRY_get_data(X509_NAME_get_entry(name, at));
-    if (!value) return {};
-    const auto* text = ASN1_STRING_get0_data(value);
-    return std::string(text, text + ASN1_STRING_length(value));
+    if (value) {
+        const auto* text = ASN1_STRING_get0_data(value);
+        out.commonName.assign(text, text + ASN1_STRING_length(value));
+    }
+    return out;
+}
+
+std::string commonNameOf(const Bytes& certificate) {
+    const auto summary = summaryOf(certificate);
+    return summary ? summary->commonName : std::string();
 }
 
 std::optional<Bytes> rsaPrivateRaw(const Bytes& privateKey, const Bytes& block) {

@@ -24,8 +24,16 @@ RsaKey makeRsaKey(int bits, const std::string& commonName);
 // The key from its stored private part (the certificate is the caller's).
 RsaKey rsaKeyFromPrivate(const Bytes& privateKey, const Bytes& certificate);
 
-// The subject's common name of a DER certificate; empty if it has none or
-// does not parse.
+// What a card's view shows of a DER certificate: the subject's common name
+// (empty if it has none) and the public key's bits; nothing if it does not
+// parse.
+struct CertificateSummary {
+    std::string commonName;
+    int bits = 0;
+};
+std::optional<CertificateSummary> summaryOf(const Bytes& certificate);
+
+// The subject's common name; empty if it has none or does not parse.
 std::string commonNameOf(const Bytes& certificate);
 
 // The raw private-key operation: `block` must be as long as the modulus and

@@ -7,10 +7,6 @@
 #include "core/state_json.h"
 #include "pro/pro_card.h"
 
-#include <openssl/evp.h>
-#include <openssl/objects.h>
-#include <openssl/x509.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <memory>
@@ -46,33 +42,6 @@ constexpr unsigned char kUsageDecipher = 0x01;
 
 // Key lengths in the size table: the bytes, or with bit 0x4000 the bytes / 8.
 constexpr std::uint16_t kLengthInEights = 0x4000;
-
-struct FreeX509 {
-    void operator()(X509* p) const { X509_free(p); }
-};
-
-struct CertificateInfo {
-    std::string commonName;
-    int bits = 0;
-};
-
-std::optional<CertificateInfo> readCertificate(const Bytes& der) {
-    const unsigned char* p = der.data();
-    std::unique_ptr<X509, FreeX509> cert(d2i_X509(nullptr, &p, static_cast<long>(der.size())));
-    if (!cert) return std::nullopt;
-    CertificateInfo info;
-    if (EVP_PKEY* key = X509_get0_pubkey(cert.get())) info.bits = EVP_PKEY_get_bits(key);
-    X509_NAME* subject = X509_get_subject_name(cert.get());
-    const int at = X509_NAME_get_index_by_NID(subject, NID_commonName, -1);
-    if (at >= 0) {
-        const ASN1_STRING* cn = X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, at));
-        unsigned char* utf8 = nullptr;
-        const int n = ASN1_STRING_to_UTF8(&utf8, cn);
-        if (n > 0) info.commonName.assign(reinterpret_cast<char*>(utf8), n);
-        OPENSSL_free(utf8);
-    }
-    return info;
-}
 
 std::string pathText(const Path& path) {
     std::string out;
@@ -276,7 +245,7 @@ void addKey(ProState& state, const RsaKey& given, const std::string& id) {
         throw std::invalid_argument(
             "a key id has 1 to 64 bytes, without a zero byte, '=', '&' "
             "or a line break");
-    const auto info = readCertificate(given.certificate);
+    const auto info = summaryOf(given.certificate);
     if (!info) throw std::invalid_argument("the certificate is not DER X.509");
     RsaKey key = given;
     if (!key.privateKey.empty()) {
@@ -339,7 +308,7 @@ std::string describeKeys(const ProState& s) {
             if (certificates[i].id == k.id) {
                 paired[i] = true;
                 where += ", certificate " + pathText(certificates[i].path);
-                if (auto info = readCertificate(certificates[i].der)) {
+                if (auto info = summaryOf(certificates[i].der)) {
                     bits = info->bits;
                     cn = info->commonName;
                 }
@@ -355,7 +324,7 @@ std::string describeKeys(const ProState& s) {
     }
     for (std::size_t i = 0; i < certificates.size(); ++i) {
         if (paired[i]) continue;
-        const auto info = readCertificate(certificates[i].der);
+        const auto info = summaryOf(certificates[i].der);
         line(certificates[i].id, info ? info->bits : 0,
              "certificate only, " + pathText(certificates[i].path), info ? info->commonName : "");
     }
