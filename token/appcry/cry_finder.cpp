@@ -17,11 +17,6 @@ void CCryFinder::search() {
 
 unsigned char CCryFinder::pinUser() { return CryPinUser(adapter.pin); }
 
-TPath CCryFinder::child(TPath path, WORD id) {
-    path.push_back(id);
-    return path;
-}
-
 TBytes CCryFinder::readFile(const TPath& path) {
     adapter.fs->select(path);
     return FileRead(adapter);
@@ -96,14 +91,14 @@ void CFieldFinder::getcerts() {
         CCryptoInfo cert;
         cert.provider = kCryProvider;
         cert.algorithm = kCryAlgorithm;
-        cert.path = child(kHome, id);
+        cert.path = PathChild(kHome, id);
         try {
-            cert.certificate = readFile(child(cert.path, 0x0002));
+            cert.certificate = readFile(PathChild(cert.path, 0x0002));
         } catch (const IException&) {
             continue;  // no certificate file: no object
         }
         try {
-            TBytes fields = readFile(child(cert.path, 0x0001));
+            TBytes fields = readFile(PathChild(cert.path, 0x0001));
             if (fields.size() < layout.certErase) APDU_RAISE(0x6281);
             fields.erase(fields.begin(), fields.begin() + layout.certErase);
             for (unsigned i = 0; i < layout.certSkip; ++i) skip_field(fields);
@@ -123,9 +118,9 @@ void CFieldFinder::getkeys() {
         key.algorithm = kCryAlgorithm;
         key.pin = pinUser();
         key.size = layout.keySize;
-        key.path = child(kHome, id);
+        key.path = PathChild(kHome, id);
         try {
-            TBytes fields = readFile(child(key.path, 0x0001));
+            TBytes fields = readFile(PathChild(key.path, 0x0001));
             if (fields.size() <= 5) APDU_RAISE(0x6281);
             // A 6-byte file leaves no field: the skip below raises.
             fields.erase(fields.begin(), fields.begin() + 6);

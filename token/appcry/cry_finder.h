@@ -27,8 +27,6 @@ public:
 protected:
     // getcerts, getkeys, unite: each concrete finder's constructor ends here.
     void search();
-    // `path` with `id` appended.
-    static TPath child(TPath path, WORD id);
     // Selects `path` and reads the whole file.
     TBytes readFile(const TPath& path);
 

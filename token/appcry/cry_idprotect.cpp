@@ -28,11 +28,6 @@ constexpr std::size_t kAnswer = 1024;
 
 WORD kindOf(WORD id) { return id >> 8; }
 
-TPath child(TPath path, WORD id) {
-    path.push_back(id);
-    return path;
-}
-
 // The block as a BER-TLV: 81 LL up to 255 bytes, 82 HH LL above.
 TBytes blockBody(const TBytes& data) {
     TBytes body{kTagBlock};
@@ -76,12 +71,12 @@ std::vector<TPath> CCryIdprotect::list(unsigned short /*provider*/) {
     std::vector<TPath> paths;
     adapter.fs->select(kKeys);
     for (WORD id : adapter.fs->list(1))
-        if (kindOf(id) == kKindKey) paths.push_back(child(kKeys, id));
+        if (kindOf(id) == kKindKey) paths.push_back(PathChild(kKeys, id));
     // A key's own certificate is not a container of its own.
     adapter.fs->select(kCertificates);
     for (WORD id : adapter.fs->list(1))
         if (kindOf(id) == kKindCertificate && (id & kCertificateAlone))
-            paths.push_back(child(kCertificates, id));
+            paths.push_back(PathChild(kCertificates, id));
     return paths;
 }
 
@@ -98,7 +93,7 @@ void CCryIdprotect::select(TPath path) {
         const WORD nn = f & 0xFF;
         try {
             const WORD own = static_cast<WORD>(kKindCertificate << 8 | (nn & ~kCertificateAlone));
-            adapter.fs->select(child(kCertificates, own));
+            adapter.fs->select(PathChild(kCertificates, own));
             found.certificate = IdprotectCertificate(FileRead(adapter));
             found.publicKey = extractPublicKeyFromCert(found.certificate);
         } catch (const IException&) {
@@ -107,7 +102,7 @@ void CCryIdprotect::select(TPath path) {
             found.publicKey.clear();
         }
         // The companion file's size is the key's length; decrypt needs it current.
-        adapter.fs->select(child(kKeys, static_cast<WORD>((nn | kCertificateAlone) + 1)));
+        adapter.fs->select(PathChild(kKeys, static_cast<WORD>((nn | kCertificateAlone) + 1)));
         found.size = adapter.fs->info().size;
         found.id = {static_cast<unsigned char>((f - 1) & 0x0F)};
         found.privateKey.assign(found.size, 0);

@@ -5,6 +5,7 @@
 
 #include "libapdu/exception.h"
 #include "token/appcry/cry_common.h"
+#include "token/appfs/fs_common.h"
 
 namespace libapdu {
 
@@ -91,7 +92,7 @@ void CPro4Finder::getcerts() {
     certs.clear();
     for (WORD id : files(kCertificates)) {
         if (id & 0xF000) continue;
-        CCryptoInfo cert = object(child(kCertificates, id));
+        CCryptoInfo cert = object(PathChild(kCertificates, id));
         TBytes record;
         try {
             record = readFile(cert.path);
@@ -131,7 +132,7 @@ void CPro4Finder::getkeys() {
 void CPro4Finder::mappedKeys(const TBytes& table, const std::string& map) {
     for (WORD id : files(kKeys)) {
         if ((id >> 12) != 1 && (id >> 12) != 2) continue;
-        CCryptoInfo key = object(child(kKeys, id));
+        CCryptoInfo key = object(PathChild(kKeys, id));
         key.pin = pinUser();
         unsigned char r = 0;
         try {
@@ -154,7 +155,7 @@ void CPro4Finder::mappedKeys(const TBytes& table, const std::string& map) {
 void CPro4Finder::oldKeys(const TBytes& table) {
     for (WORD id : files(kOldKeys)) {
         if ((id >> 8) != 0x05) continue;
-        CCryptoInfo key = object(child(kOldKeys, id));
+        CCryptoInfo key = object(PathChild(kOldKeys, id));
         key.pin = pinUser();
         const unsigned char r = static_cast<unsigned char>((id & 0xFF) - 1);
         // Only a presence test: size stays 0, so these containers have no

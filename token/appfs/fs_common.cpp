@@ -101,6 +101,11 @@ CFileInfo FileMakeFileInfo(CAdapter adapter, WORD size, bool isPrivate) {
     return CFileInfo(1, size, isPrivate ? a : 0, a);
 }
 
+TPath PathChild(TPath path, WORD id) {
+    path.push_back(id);
+    return path;
+}
+
 TBytes FileRead(CAdapter adapter) {
     TBytes buffer(adapter.fs->info().size, 0);
     adapter.fs->read(buffer, 0);

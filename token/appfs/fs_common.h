@@ -46,6 +46,8 @@ void FileCheckRange(WORD offset, std::size_t length, WORD size, WORD code);
 
 CFileInfo FileMakeDirInfo(CAdapter adapter);
 CFileInfo FileMakeFileInfo(CAdapter adapter, WORD size, bool isPrivate);
+// `path` with `id` appended: a node's child.
+TPath PathChild(TPath path, WORD id);
 // The whole content of the selected file.
 TBytes FileRead(CAdapter adapter);
 void FileCreateAndWrite(CAdapter adapter, TPath path, CFileInfo info, TBytes data);

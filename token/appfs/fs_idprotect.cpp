@@ -46,11 +46,6 @@ TPath withoutPrefix(const TPath& path, std::size_t n) {
     return n < path.size() ? TPath(path.begin() + n, path.end()) : TPath();
 }
 
-TPath join(TPath path, WORD id) {
-    path.push_back(id);
-    return path;
-}
-
 }  // namespace
 
 CFSIdprotect::CFSIdprotect(IApplet* owner)
@@ -188,7 +183,7 @@ void CFSIdprotect::create(WORD id, CFileInfo info) {
     valid_name(id);
     if (info.size & 0x8000) APDU_RAISE(0x6400);
     const TPath parent = path_;
-    const TPath probe = join(parent, id);
+    const TPath probe = PathChild(parent, id);
     // The name must be free: a select that succeeds, or that reports the
     // name taken, ends here.
     const auto refuseExisting = [&] {
@@ -204,7 +199,7 @@ void CFSIdprotect::create(WORD id, CFileInfo info) {
     // At the home this road is taken whatever the type: a file asked for
     // there comes out as a directory, since no file is reachable there.
     if ((info.type == 2 && path_ != real_) || real_ == base_) {
-        const TPath relative = join(withoutPrefix(parent, base_.size()), id);
+        const TPath relative = PathChild(withoutPrefix(parent, base_.size()), id);
         if (relative.size() > kNameDepth) APDU_RAISE(0x6400);
         refuseExisting();
 
@@ -282,7 +277,7 @@ void CFSIdprotect::remove() {
     selectSimple(base_);
     const TPath children = listSimple(2);
     for (WORD id : children) {
-        selectSimple(join(base_, id));
+        selectSimple(PathChild(base_, id));
         TPath logical = name_;
         logical.resize(target.size(), 0);
         if (logical == target) removeSimple();
@@ -307,7 +302,7 @@ TPath CFSIdprotect::list(unsigned char kind) {
     const TPath children = listSimple(2);
     TPath found;
     for (WORD id : children) {
-        selectSimple(join(base_, id));
+        selectSimple(PathChild(base_, id));
         const TPath logical = name_;
         if (logical.size() == target.size() + 1 &&
             std::equal(target.begin(), target.end(), logical.begin()))
