@@ -4,7 +4,19 @@
 
 namespace libapdu {
 
-CCryCommon::CCryCommon(IApplet* owner) : applet(owner), adapter(AppletToAdapter(owner)) {}
+CCryCommon::CCryCommon(IApplet* owner, std::vector<WORD> sizes)
+    : applet(owner), adapter(AppletToAdapter(owner)) {
+    provider_.id = kCryProvider;
+    provider_.sizes = std::move(sizes);
+    provider_.algorithm = kCryAlgorithm;
+}
+
+CCryptoInfo CCryCommon::info() { return selected; }
+
+CCryptoProvider CCryCommon::provider(unsigned short id) {
+    if (id != kCryProvider) APDU_RAISE(0xFACE);
+    return provider_;
+}
 
 void CCryCommon::send(const TBytes& apdu, TBytes& response) { applet->send(apdu, response); }
 WORD CCryCommon::extractSW(const TBytes& response) { return applet->extractSW(response); }
@@ -20,25 +32,12 @@ unsigned char CryPinUser(IAppPin* pin) {
 
 unsigned char CCryCommon::pinUser() { return CryPinUser(applet->pin()); }
 
-CCryListed::CCryListed(IApplet* owner, std::vector<WORD> sizes) : CCryCommon(owner) {
-    provider_.id = kCryProvider;
-    provider_.sizes = std::move(sizes);
-    provider_.algorithm = kCryAlgorithm;
-}
-
-CCryptoInfo CCryListed::info() { return selected; }
-
 std::vector<TPath> CCryListed::list(unsigned short /*provider*/) {
     init();
     std::vector<TPath> paths;
     paths.reserve(containers.size());
     for (const CCryptoInfo& c : containers) paths.push_back(c.path);
     return paths;
-}
-
-CCryptoProvider CCryListed::provider(unsigned short id) {
-    if (id != kCryProvider) APDU_RAISE(0xFACE);
-    return provider_;
 }
 
 void CCryListed::init() {

@@ -17,9 +17,14 @@ constexpr unsigned char kCryAlgorithm = 3;
 // The reference of the user PIN: the last element of its path.
 unsigned char CryPinUser(IAppPin* pin);
 
+// Every driver's plumbing, its one provider (the key lengths it takes) and
+// the selected container.
 class CCryCommon : public IAppCrypto, public IAPDUDefinitions {
 public:
-    explicit CCryCommon(IApplet* owner);
+    CCryCommon(IApplet* owner, std::vector<WORD> sizes);
+
+    CCryptoInfo info() override;
+    CCryptoProvider provider(unsigned short id) override;
 
     void send(const TBytes& apdu, TBytes& response);
     WORD extractSW(const TBytes& response);
@@ -32,18 +37,17 @@ public:
 protected:
     IApplet* applet;  // the owner, not owned
     CAdapter adapter;
+    CCryptoProvider provider_;
+    CCryptoInfo selected;
 };
 
-// init, list, info and provider of the drivers that keep a list, and the
-// first steps of their select; each family adds the rest of select and
-// decrypt.
+// init and list of the drivers that keep a list, and the first steps of
+// their select; each family adds the rest of select and decrypt.
 class CCryListed : public CCryCommon {
 public:
-    CCryListed(IApplet* owner, std::vector<WORD> sizes);
+    using CCryCommon::CCryCommon;
 
-    CCryptoInfo info() override;
     std::vector<TPath> list(unsigned short provider) override;
-    CCryptoProvider provider(unsigned short id) override;
 
 protected:
     // The family's finder run over `adapter`: its finished containers.
@@ -56,8 +60,6 @@ protected:
     // is `path` becomes the selected one, else 0x6A82.
     void selectFromList(const TPath& path);
 
-    CCryptoProvider provider_;
-    CCryptoInfo selected;
     std::vector<CCryptoInfo> containers;
     bool ready = false;
 };

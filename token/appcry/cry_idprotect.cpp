@@ -54,18 +54,7 @@ TBytes IdprotectCertificate(const TBytes& object) {
     return TBytes(object.begin() + kCertificateAt, object.begin() + kCertificateAt + length);
 }
 
-CCryIdprotect::CCryIdprotect(IApplet* owner) : CCryCommon(owner) {
-    provider_.id = kCryProvider;
-    provider_.sizes = {128, 256};
-    provider_.algorithm = kCryAlgorithm;
-}
-
-CCryptoInfo CCryIdprotect::info() { return selected; }
-
-CCryptoProvider CCryIdprotect::provider(unsigned short id) {
-    if (id != kCryProvider) APDU_RAISE(0xFACE);
-    return provider_;
-}
+CCryIdprotect::CCryIdprotect(IApplet* owner) : CCryCommon(owner, {128, 256}) {}
 
 std::vector<TPath> CCryIdprotect::list(unsigned short /*provider*/) {
     std::vector<TPath> paths;

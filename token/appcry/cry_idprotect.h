@@ -11,17 +11,11 @@ public:
     explicit CCryIdprotect(IApplet* owner);
 
     void select(TPath path) override;
-    CCryptoInfo info() override;
     std::vector<TPath> list(unsigned short provider) override;
     TBytes decrypt(const TBytes& data) override;
-    CCryptoProvider provider(unsigned short id) override;
 
     static const TPath kKeys;          // 3F00 3000 3002
     static const TPath kCertificates;  // 3F00 3000 3001
-
-private:
-    CCryptoProvider provider_;
-    CCryptoInfo selected;
 };
 
 // The DER certificate inside an IDProtect certificate object: 125 bytes, a
